@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# Sets krutils up on a Debian 12 machine: installs the Debian packages that the build, the tests,
+# the benchmarks and the demo need (when missing), then configures and builds.
+#
+#   ./setup.sh            set up and build (preset "default")
+#   ./setup.sh demo       ... then run the demo program
+#   ./setup.sh test       ... then run the whole test suite
+#   ./setup.sh bench      ... then run the benchmarks
+#   KRUTILS_PRESET=asan ./setup.sh test    the same with another preset (default, debug, asan)
+set -euo pipefail
+cd "$(dirname "$0")"
+
+action=${1:-build}
+preset=${KRUTILS_PRESET:-default}
+
+packages=(
+    cmake ninja-build g++ pkg-config   # build
+    qtbase5-dev                        # Qt Core (and Qt Test for the tests)
+    liblz4-dev                         # LZ4, part of the library's interface
+    libbenchmark-dev                   # bench/
+)
+
+missing=()
+for package in "${packages[@]}"; do
+    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" \
+        || missing+=("$package")
+done
+if ((${#missing[@]})); then
+    sudo=()
+    [ "$(id -u)" -eq 0 ] || sudo=(sudo)
+    echo "setup: installing ${missing[*]}"
+    "${sudo[@]}" apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y -qq --no-install-recommends \
+        "${missing[@]}" >/dev/null
+fi
+
+cmake --preset "$preset" >/dev/null
+cmake --build --preset "$preset"
+
+case "$action" in
+    build) ;;
+    demo) exec "build/$preset/demo/krdemo" ;;
+    test) exec ctest --preset "$preset" ;;
+    bench) exec "build/$preset/bench/krbench" ;;
+    *) echo "usage: $0 [build|demo|test|bench]" >&2; exit 2 ;;
+esac

@@ -1,0 +1,36 @@
+#ifndef KRMUTEXLOCKER_H
+#define KRMUTEXLOCKER_H
+
+#include <krutils/krutils_export.h>
+
+#include <QString>
+
+class QMutex;
+
+// A scope guard over a QMutex, reported to the lock monitor like the calls of KrMutex:
+// it behaves like QMutexLocker with a call site.
+//
+//     {
+//         KrMutexLocker locker(&m_lock, QStringLiteral("book.cpp"), __LINE__,
+//                              QStringLiteral("Book::update"));
+//         ...
+//     } // released and reported here
+//
+// A null lock makes a guard that holds nothing. unlock() may be called more than once; the lock
+// is released and reported exactly once.
+class KRUTILS_EXPORT KrMutexLocker
+{
+public:
+    KrMutexLocker(QMutex *lock, const QString &first, int line, const QString &second);
+    ~KrMutexLocker();
+
+    void unlock();
+    QMutex *mutex() const { return reinterpret_cast<QMutex *>(m_value & ~quintptr(1)); }
+
+private:
+    Q_DISABLE_COPY(KrMutexLocker)
+
+    quintptr m_value = 0; // the lock's address, with the lowest bit set while the lock is held
+};
+
+#endif // KRMUTEXLOCKER_H

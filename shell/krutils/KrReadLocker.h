@@ -1,0 +1,39 @@
+#ifndef KRREADLOCKER_H
+#define KRREADLOCKER_H
+
+#include <krutils/krutils_export.h>
+
+#include <QString>
+
+class QReadWriteLock;
+
+// A scope guard that holds a QReadWriteLock for reading, reported to the lock monitor like the
+// calls of KrMutex: it behaves like QReadLocker with a call site.
+//
+//     {
+//         KrReadLocker locker(&m_lock, QStringLiteral("book.cpp"), __LINE__,
+//                             QStringLiteral("Book::update"));
+//         ...
+//     } // released and reported here
+//
+// A null lock makes a guard that holds nothing. unlock() may be called more than once; the lock
+// is released and reported exactly once.
+class KRUTILS_EXPORT KrReadLocker
+{
+public:
+    KrReadLocker(QReadWriteLock *lock, const QString &first, int line, const QString &second);
+    ~KrReadLocker();
+
+    void unlock();
+    QReadWriteLock *readWriteLock() const
+    {
+        return reinterpret_cast<QReadWriteLock *>(m_value & ~quintptr(1));
+    }
+
+private:
+    Q_DISABLE_COPY(KrReadLocker)
+
+    quintptr m_value = 0; // the lock's address, with the lowest bit set while the lock is held
+};
+
+#endif // KRREADLOCKER_H

@@ -1,0 +1,39 @@
+#ifndef KRWRITELOCKER_H
+#define KRWRITELOCKER_H
+
+#include <krutils/krutils_export.h>
+
+#include <QString>
+
+class QReadWriteLock;
+
+// A scope guard that holds a QReadWriteLock for writing, reported to the lock monitor like the
+// calls of KrMutex: it behaves like QWriteLocker with a call site.
+//
+//     {
+//         KrWriteLocker locker(&m_lock, QStringLiteral("book.cpp"), __LINE__,
+//                              QStringLiteral("Book::update"));
+//         ...
+//     } // released and reported here
+//
+// A null lock makes a guard that holds nothing. unlock() may be called more than once; the lock
+// is released and reported exactly once.
+class KRUTILS_EXPORT KrWriteLocker
+{
+public:
+    KrWriteLocker(QReadWriteLock *lock, const QString &first, int line, const QString &second);
+    ~KrWriteLocker();
+
+    void unlock();
+    QReadWriteLock *readWriteLock() const
+    {
+        return reinterpret_cast<QReadWriteLock *>(m_value & ~quintptr(1));
+    }
+
+private:
+    Q_DISABLE_COPY(KrWriteLocker)
+
+    quintptr m_value = 0; // the lock's address, with the lowest bit set while the lock is held
+};
+
+#endif // KRWRITELOCKER_H
