@@ -79,10 +79,12 @@ public:
 void registerPhase(const char *phase, bool withGuard)
 {
     for (int threads : {1, 2}) {
-        benchmark::RegisterBenchmark((std::string(phase) + "/QMutexLocker").c_str(), qMutexLockerPair)
+        benchmark::RegisterBenchmark((std::string(phase) + "/QMutexLocker").c_str(),
+                                     qMutexLockerPair)
                 ->Threads(threads)
                 ->UseRealTime();
-        benchmark::RegisterBenchmark((std::string(phase) + "/KrMutexLocker").c_str(), krMutexLockerPair)
+        benchmark::RegisterBenchmark((std::string(phase) + "/KrMutexLocker").c_str(),
+                                     krMutexLockerPair)
                 ->Threads(threads)
                 ->UseRealTime();
     }
@@ -130,8 +132,8 @@ long residentKiB()
 void soak(int seconds)
 {
     KrMutexManager *monitor = KrMutexManager::getInstance();
-    std::atomic<bool> stop{false};
-    std::atomic<long> pairs{0};
+    std::atomic<bool> stop {false};
+    std::atomic<long> pairs {0};
     QMutex mutexes[2];
     std::vector<std::thread> threads;
     for (QMutex &mutex : mutexes) {
@@ -145,7 +147,8 @@ void soak(int seconds)
         });
     }
 
-    std::printf("\nSoak: 2 threads locking and unlocking through KrMutexLocker for %d s, monitor started\n",
+    std::printf("\nSoak: 2 threads locking and unlocking through KrMutexLocker for %d s, monitor "
+                "started\n",
                 seconds);
     std::printf("  second  resident KiB\n");
     long firstKiB = 0;
@@ -162,12 +165,15 @@ void soak(int seconds)
     for (std::thread &thread : threads)
         thread.join();
 
-    QMetaObject::invokeMethod(monitor, [] {}, Qt::BlockingQueuedConnection); // drain the reports
-    const bool tablesEmpty = !monitor->containsMutex(&mutexes[0]) && !monitor->containsMutex(&mutexes[1]);
-    std::printf("  %.2f M lock/unlock pairs (%.0f ns per pair per thread); resident memory after the\n"
-                "  first second %ld KiB, peak %ld KiB (growth %ld KiB); tables empty afterwards: %s\n",
-                pairs.load() / 1e6, seconds * 1e9 * 2 / std::max(1L, pairs.load()), firstKiB, peakKiB,
-                peakKiB - firstKiB, tablesEmpty ? "yes" : "NO");
+    QMetaObject::invokeMethod(
+            monitor, [] {}, Qt::BlockingQueuedConnection); // drain the reports
+    const bool tablesEmpty
+            = !monitor->containsMutex(&mutexes[0]) && !monitor->containsMutex(&mutexes[1]);
+    std::printf(
+            "  %.2f M lock/unlock pairs (%.0f ns per pair per thread); resident memory after the\n"
+            "  first second %ld KiB, peak %ld KiB (growth %ld KiB); tables empty afterwards: %s\n",
+            pairs.load() / 1e6, seconds * 1e9 * 2 / std::max(1L, pairs.load()), firstKiB, peakKiB,
+            peakKiB - firstKiB, tablesEmpty ? "yes" : "NO");
 }
 
 } // namespace
@@ -191,8 +197,10 @@ int main(int argc, char **argv)
     KrMutexManager::getInstance()->start();
     KrFunctionGuardManager::getInstance()->start();
     // wait until both monitors have connected their slots on their threads
-    QMetaObject::invokeMethod(KrMutexManager::getInstance(), [] {}, Qt::BlockingQueuedConnection);
-    QMetaObject::invokeMethod(KrFunctionGuardManager::getInstance(), [] {}, Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(
+            KrMutexManager::getInstance(), [] {}, Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(
+            KrFunctionGuardManager::getInstance(), [] {}, Qt::BlockingQueuedConnection);
     registerPhase("monitor_on", true);
     benchmark::RunSpecifiedBenchmarks(&reporter);
 

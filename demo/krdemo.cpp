@@ -45,14 +45,18 @@ void section(const char *title, const char *what)
 // Prints the library's log lines indented under the section, with level and thread.
 void printLogLine(QtMsgType type, const QMessageLogContext &, const QString &text)
 {
-    static const QMap<QtMsgType, const char *> levels = {
-        {QtDebugMsg, "debug"}, {QtInfoMsg, "info"}, {QtWarningMsg, "WARNING"},
-        {QtCriticalMsg, "CRITICAL"}, {QtFatalMsg, "FATAL"}};
+    static const QMap<QtMsgType, const char *> levels = {{QtDebugMsg, "debug"},
+                                                         {QtInfoMsg, "info"},
+                                                         {QtWarningMsg, "WARNING"},
+                                                         {QtCriticalMsg, "CRITICAL"},
+                                                         {QtFatalMsg, "FATAL"}};
     QString thread = QThread::currentThread()->objectName();
     if (thread.isEmpty())
-        thread = QThread::currentThread() == qApp->thread() ? QStringLiteral("main") : QStringLiteral("(unnamed)");
+        thread = QThread::currentThread() == qApp->thread() ? QStringLiteral("main")
+                                                            : QStringLiteral("(unnamed)");
     QMutexLocker locker(&outputMutex);
-    std::printf("    log %-7s [%s] %s\n", levels.value(type, "?"), qUtf8Printable(thread), qUtf8Printable(text));
+    std::printf("    log %-7s [%s] %s\n", levels.value(type, "?"), qUtf8Printable(thread),
+                qUtf8Printable(text));
     std::fflush(stdout);
 }
 
@@ -70,39 +74,39 @@ class PricingWorker : public KrObject
     Q_OBJECT
 
 public:
-    explicit PricingWorker(const QString &name)
-        : KrObject(true)
-    {
-        setThreadName(name);
-    }
+    explicit PricingWorker(const QString &name) : KrObject(true) { setThreadName(name); }
 
 public Q_SLOTS:
     void slotPrice(const QString &symbol, double quantity, double price)
     {
-        say("    %s\n", QStringLiteral("%1 x %2 @ %3 = %4, priced on thread \"%5\"")
-                               .arg(symbol)
-                               .arg(quantity)
-                               .arg(price, 0, 'f', 2)
-                               .arg(quantity * price, 0, 'f', 2)
-                               .arg(QThread::currentThread()->objectName()));
+        say("    %s\n",
+            QStringLiteral("%1 x %2 @ %3 = %4, priced on thread \"%5\"")
+                    .arg(symbol)
+                    .arg(quantity)
+                    .arg(price, 0, 'f', 2)
+                    .arg(quantity * price, 0, 'f', 2)
+                    .arg(QThread::currentThread()->objectName()));
     }
 };
 
 void tourWorkerThreads()
 {
     section("1. Worker threads (KrThread, KrObject)",
-            "Two worker objects each get a named thread of their own. Look for \"thread started\" from\n"
+            "Two worker objects each get a named thread of their own. Look for \"thread started\" "
+            "from\n"
             "each new thread, the orders priced on the workers' threads (not on \"main\"), and\n"
             "\"thread finished\" once the workers are destroyed.");
     auto equities = std::make_unique<PricingWorker>(QStringLiteral("EquityPricer"));
     auto futures = std::make_unique<PricingWorker>(QStringLiteral("FuturesPricer"));
     pumpEvents(100);
-    QMetaObject::invokeMethod(equities.get(), "slotPrice", Q_ARG(QString, QStringLiteral("600519.SH")),
-                              Q_ARG(double, 200), Q_ARG(double, 1688.5));
+    QMetaObject::invokeMethod(equities.get(), "slotPrice",
+                              Q_ARG(QString, QStringLiteral("600519.SH")), Q_ARG(double, 200),
+                              Q_ARG(double, 1688.5));
     QMetaObject::invokeMethod(futures.get(), "slotPrice", Q_ARG(QString, QStringLiteral("IF2412")),
                               Q_ARG(double, 3), Q_ARG(double, 3912.4));
-    QMetaObject::invokeMethod(equities.get(), "slotPrice", Q_ARG(QString, QStringLiteral("000001.SZ")),
-                              Q_ARG(double, 5000), Q_ARG(double, 11.37));
+    QMetaObject::invokeMethod(equities.get(), "slotPrice",
+                              Q_ARG(QString, QStringLiteral("000001.SZ")), Q_ARG(double, 5000),
+                              Q_ARG(double, 11.37));
     pumpEvents(200);
     say("  Destroying the workers: each quits its thread and waits for it (1000 ms at most).\n");
     equities.reset();
@@ -115,7 +119,8 @@ void tourLockMonitor()
     section("2. Lock monitor (KrMutexManager, KrMutexLocker, KrReadLocker, KrWriteLocker)",
             "The application starts the monitor once. From then on every lock taken through the\n"
             "library's wrappers is recorded with its call site until it is released, and a lock\n"
-            "held for 60 seconds is reported as \"mutex lock time out , please check it\" with that\n"
+            "held for 60 seconds is reported as \"mutex lock time out , please check it\" with "
+            "that\n"
             "call site.");
     KrMutexManager *monitor = KrMutexManager::getInstance();
     monitor->start();
@@ -141,14 +146,16 @@ void tourLockMonitor()
     for (double &seen : lastSeen) {
         threads.emplace_back([&] {
             for (int i = 0; i < 2000; ++i) {
-                KrReadLocker locker(&quoteLock, QStringLiteral("krdemo.cpp"), __LINE__, QStringLiteral("readQuote"));
+                KrReadLocker locker(&quoteLock, QStringLiteral("krdemo.cpp"), __LINE__,
+                                    QStringLiteral("readQuote"));
                 seen = lastPrice;
             }
         });
     }
     threads.emplace_back([&] {
         for (int i = 0; i < 2000; ++i) {
-            KrWriteLocker locker(&quoteLock, QStringLiteral("krdemo.cpp"), __LINE__, QStringLiteral("writeQuote"));
+            KrWriteLocker locker(&quoteLock, QStringLiteral("krdemo.cpp"), __LINE__,
+                                 QStringLiteral("writeQuote"));
             lastPrice += 0.01;
         }
     });
@@ -157,24 +164,28 @@ void tourLockMonitor()
     int total = 0;
     for (int count : orderBook)
         total += count;
-    say("  %s\n", QStringLiteral("Order book: %1 orders from %2 traders (expected 10000 from 4); "
-                                 "last quote %3 after 2000 writes;\n  the readers last saw %4 and %5.")
-                          .arg(total)
-                          .arg(orderBook.size())
-                          .arg(lastPrice, 0, 'f', 2)
-                          .arg(lastSeen[0], 0, 'f', 2)
-                          .arg(lastSeen[1], 0, 'f', 2));
+    say("  %s\n",
+        QStringLiteral("Order book: %1 orders from %2 traders (expected 10000 from 4); "
+                       "last quote %3 after 2000 writes;\n  the readers last saw %4 and %5.")
+                .arg(total)
+                .arg(orderBook.size())
+                .arg(lastPrice, 0, 'f', 2)
+                .arg(lastSeen[0], 0, 'f', 2)
+                .arg(lastSeen[1], 0, 'f', 2));
 
     {
-        KrMutexLocker held(&orderBookMutex, QStringLiteral("krdemo.cpp"), __LINE__, QStringLiteral("auditOrderBook"));
+        KrMutexLocker held(&orderBookMutex, QStringLiteral("krdemo.cpp"), __LINE__,
+                           QStringLiteral("auditOrderBook"));
         pumpEvents(50); // reports reach the monitor through its event queue
         say("  While auditOrderBook holds the mutex:   containsMutex = %s\n",
-            monitor->containsMutex(&orderBookMutex) ? QStringLiteral("true") : QStringLiteral("false"));
+            monitor->containsMutex(&orderBookMutex) ? QStringLiteral("true")
+                                                    : QStringLiteral("false"));
     }
     pumpEvents(50);
     say("  After auditOrderBook released it:       containsMutex = %s\n",
         monitor->containsMutex(&orderBookMutex) ? QStringLiteral("true") : QStringLiteral("false"));
-    say("  (A lock still held after 60 s would now be reported; the tour does not wait a minute.)\n");
+    say("  (A lock still held after 60 s would now be reported; the tour does not wait a "
+        "minute.)\n");
 }
 
 void settleTrades()
@@ -186,9 +197,12 @@ void settleTrades()
 void tourFunctionGuard()
 {
     section("3. Function guard (KrFunctionGuard, KrFunctionGuardManager)",
-            "settleTrades() carries a guard with a 1-second budget and runs for 3 seconds. Look for\n"
-            "its entry line, then the monitor's \"fuctionGuard is over\" warning written on thread\n"
-            "\"KrFuctionGuardManager\" while the function is still running (it states the monitor's\n"
+            "settleTrades() carries a guard with a 1-second budget and runs for 3 seconds. Look "
+            "for\n"
+            "its entry line, then the monitor's \"fuctionGuard is over\" warning written on "
+            "thread\n"
+            "\"KrFuctionGuardManager\" while the function is still running (it states the "
+            "monitor's\n"
             "default of 60 seconds, whatever the guard's budget), then its exit line with the\n"
             "elapsed milliseconds.");
     KrFunctionGuardManager::getInstance()->start();

@@ -69,9 +69,9 @@ private:
         MessageCapture *self = s_active;
         if (!self)
             return;
-        CapturedMessage message{type, text, QString::fromUtf8(context.file),
-                                QString::fromUtf8(context.function),
-                                QString::fromUtf8(context.category)};
+        CapturedMessage message {type, text, QString::fromUtf8(context.file),
+                                 QString::fromUtf8(context.function),
+                                 QString::fromUtf8(context.category)};
         if (self->onMessage)
             self->onMessage(message);
         QMutexLocker locker(&self->m_mutex);

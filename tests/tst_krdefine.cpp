@@ -18,14 +18,28 @@ void tst_KrDefine::constantsAreDistinctAndReadable()
     using namespace Orvex_Values;
     using namespace Orvex_Fields;
     const QStringList all = {
-        CompareOperator::less, CompareOperator::lessOrEqual, CompareOperator::equal,
-        CompareOperator::noEqual, CompareOperator::greater, CompareOperator::greaterOrEqual,
-        LogicOperator::andOperator, LogicOperator::orOperator, LogicOperator::notOperator,
-        AlterType::create, AlterType::update, AlterType::remove,
-        ClientMonitor::TagDump, ClientMonitor::TagDmpFlag, ClientMonitor::TagDmpErrorCode,
-        ClientMonitor::TagDmpDesc, ClientMonitor::TagCallStack, ClientMonitor::TagThreadId,
-        ClientMonitor::TagThreadName, Infomation::compareOperator, Infomation::logicOperator,
-        System::filterValue,
+            CompareOperator::less,
+            CompareOperator::lessOrEqual,
+            CompareOperator::equal,
+            CompareOperator::noEqual,
+            CompareOperator::greater,
+            CompareOperator::greaterOrEqual,
+            LogicOperator::andOperator,
+            LogicOperator::orOperator,
+            LogicOperator::notOperator,
+            AlterType::create,
+            AlterType::update,
+            AlterType::remove,
+            ClientMonitor::TagDump,
+            ClientMonitor::TagDmpFlag,
+            ClientMonitor::TagDmpErrorCode,
+            ClientMonitor::TagDmpDesc,
+            ClientMonitor::TagCallStack,
+            ClientMonitor::TagThreadId,
+            ClientMonitor::TagThreadName,
+            Infomation::compareOperator,
+            Infomation::logicOperator,
+            System::filterValue,
     };
     QCOMPARE(QSet<QString>(all.begin(), all.end()).size(), all.size());
     for (const QString &value : all) {

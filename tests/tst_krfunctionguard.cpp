@@ -31,7 +31,10 @@ private Q_SLOTS:
 
 private:
     KrFunctionGuardManager *monitor() const { return KrFunctionGuardManager::getInstance(); }
-    QVector<CapturedMessage> overWarnings() const { return m_capture->matching(QtWarningMsg, overText); }
+    QVector<CapturedMessage> overWarnings() const
+    {
+        return m_capture->matching(QtWarningMsg, overText);
+    }
 
     std::unique_ptr<MessageCapture> m_capture;
 };
@@ -69,13 +72,16 @@ void tst_KrFunctionGuard::logsEntryAndExit()
     const auto entry = m_capture->matching(QtDebugMsg, QStringLiteral("KrFuctionGuard enter"));
     QCOMPARE(entry.size(), 1);
     QCOMPARE(entry.first().text,
-             QStringLiteral("KrFunctionGuard::KrFunctionGuard KrFuctionGuard enter OrderBook rebuild ") + address);
+             QStringLiteral(
+                     "KrFunctionGuard::KrFunctionGuard KrFuctionGuard enter OrderBook rebuild ")
+                     + address);
     QCOMPARE(entry.first().file, QStringLiteral("shell/krutils/KrFunctionGuard"));
 
     const auto exit = m_capture->matching(QtDebugMsg, QStringLiteral("~KrFuctionGuard exit"));
     QCOMPARE(exit.size(), 1);
     const QRegularExpression exitLine(
-        QStringLiteral("^KrFunctionGuard::~KrFunctionGuard ~KrFuctionGuard exit , time elapsed  (\\d+) OrderBook rebuild (.*)$"));
+            QStringLiteral("^KrFunctionGuard::~KrFunctionGuard ~KrFuctionGuard exit , time elapsed "
+                           " (\\d+) OrderBook rebuild (.*)$"));
     const auto match = exitLine.match(exit.first().text);
     QVERIFY2(match.hasMatch(), qPrintable(exit.first().text));
     QCOMPARE(match.captured(2), address);
@@ -130,9 +136,10 @@ void tst_KrFunctionGuard::reportsOnceAfterTheBudget()
     QCOMPARE(warnings.size(), 1);
     // the default time-out is stated, whatever the guard's own budget
     QCOMPARE(warnings.first().text,
-             QStringLiteral("KrFunctionGuardManager::timerEvent 0x%1 fuctionGuard is over 60 seconds, please check it "
+             QStringLiteral("KrFunctionGuardManager::timerEvent 0x%1 fuctionGuard is over 60 "
+                            "seconds, please check it "
                             "Risk                recalculate")
-                 .arg(quintptr(&guard), 0, 16));
+                     .arg(quintptr(&guard), 0, 16));
     QCOMPARE(warnings.first().file, QStringLiteral("shell/krutils/KrFunctionGuardManager"));
 
     sendTicks(monitor(), 100);

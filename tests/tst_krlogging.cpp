@@ -22,26 +22,35 @@ void tst_KrLogging::qualifiedFunctionName_data()
                                  << QByteArray("KrThread::KrThread");
     QTest::newRow("virtual destructor") << QByteArray("virtual KrFunctionGuard::~KrFunctionGuard()")
                                         << QByteArray("KrFunctionGuard::~KrFunctionGuard");
-    QTest::newRow("virtual override") << QByteArray("virtual void KrMutexManager::timerEvent(QTimerEvent*)")
-                                      << QByteArray("KrMutexManager::timerEvent");
-    QTest::newRow("static returning pointer") << QByteArray("static KrMutexManager* KrMutexManager::getInstance()")
-                                              << QByteArray("KrMutexManager::getInstance");
-    QTest::newRow("template return type") << QByteArray("QMap<QString, QVariant> Utils::Store::load(const QString&) const")
-                                          << QByteArray("Utils::Store::load");
-    QTest::newRow("reference return, const") << QByteArray("const QString& KrObject::name() const")
-                                             << QByteArray("KrObject::name");
+    QTest::newRow("virtual override")
+            << QByteArray("virtual void KrMutexManager::timerEvent(QTimerEvent*)")
+            << QByteArray("KrMutexManager::timerEvent");
+    QTest::newRow("static returning pointer")
+            << QByteArray("static KrMutexManager* KrMutexManager::getInstance()")
+            << QByteArray("KrMutexManager::getInstance");
+    QTest::newRow("template return type")
+            << QByteArray("QMap<QString, QVariant> Utils::Store::load(const QString&) const")
+            << QByteArray("Utils::Store::load");
+    QTest::newRow("reference return, const")
+            << QByteArray("const QString& KrObject::name() const") << QByteArray("KrObject::name");
     QTest::newRow("lambda in constructor") << QByteArray("KrThread::KrThread(QObject*)::<lambda()>")
                                            << QByteArray("KrThread::KrThread::<lambda()>");
-    QTest::newRow("lambda with parameters") << QByteArray("void A::run(int)::<lambda(int, QString)>")
-                                            << QByteArray("A::run::<lambda(int, QString)>");
-    QTest::newRow("g++ anonymous namespace") << QByteArray("bool {anonymous}::HandleException(EXCEPTION_POINTERS*, const QString&, bool)")
-                                             << QByteArray("`anonymous-namespace'::HandleException");
-    QTest::newRow("clang anonymous namespace") << QByteArray("bool (anonymous namespace)::HandleException(int)")
-                                               << QByteArray("`anonymous-namespace'::HandleException");
+    QTest::newRow("lambda with parameters")
+            << QByteArray("void A::run(int)::<lambda(int, QString)>")
+            << QByteArray("A::run::<lambda(int, QString)>");
+    QTest::newRow("g++ anonymous namespace") << QByteArray(
+            "bool {anonymous}::HandleException(EXCEPTION_POINTERS*, const QString&, bool)")
+                                             << QByteArray(
+                                                        "`anonymous-namespace'::HandleException");
+    QTest::newRow("clang anonymous namespace")
+            << QByteArray("bool (anonymous namespace)::HandleException(int)")
+            << QByteArray("`anonymous-namespace'::HandleException");
     QTest::newRow("function template") << QByteArray("void f(T) [with T = int]") << QByteArray("f");
-    QTest::newRow("msvc calling convention") << QByteArray("void __cdecl KrThread::slotInitThreadData(void)")
-                                             << QByteArray("KrThread::slotInitThreadData");
-    QTest::newRow("no parameter list") << QByteArray("KrThread::run") << QByteArray("KrThread::run");
+    QTest::newRow("msvc calling convention")
+            << QByteArray("void __cdecl KrThread::slotInitThreadData(void)")
+            << QByteArray("KrThread::slotInitThreadData");
+    QTest::newRow("no parameter list")
+            << QByteArray("KrThread::run") << QByteArray("KrThread::run");
 }
 
 void tst_KrLogging::qualifiedFunctionName()

@@ -38,10 +38,9 @@ bool isHeld(QReadWriteLock *lock)
     return false;
 }
 
-template<typename Guard, typename Lock>
-QVector<bool> heldAcrossUnlocks(Guard &guard, Lock *lock)
+template<typename Guard, typename Lock> QVector<bool> heldAcrossUnlocks(Guard &guard, Lock *lock)
 {
-    QVector<bool> held{isHeld(lock)};
+    QVector<bool> held {isHeld(lock)};
     guard.unlock();
     held.append(isHeld(lock));
     guard.unlock();
@@ -90,12 +89,13 @@ void tst_KrMutex::init()
     m_seen = {};
     m_mutexReports = m_readWriteReports = 0;
     KrMutexManager *monitor = KrMutexManager::getInstance();
-    connect(monitor, &KrMutexManager::signalMutexLock, m_context.get(), [this](QMutex *mutex, const QString &text) {
-        QCOMPARE(mutex, &m_mutex);
-        m_seen.heldAtLockReport.append(isHeld(mutex));
-        m_seen.texts.append(text);
-        ++m_mutexReports;
-    });
+    connect(monitor, &KrMutexManager::signalMutexLock, m_context.get(),
+            [this](QMutex *mutex, const QString &text) {
+                QCOMPARE(mutex, &m_mutex);
+                m_seen.heldAtLockReport.append(isHeld(mutex));
+                m_seen.texts.append(text);
+                ++m_mutexReports;
+            });
     connect(monitor, &KrMutexManager::signalMutexUnLock, m_context.get(), [this](QMutex *mutex) {
         m_seen.heldAtUnlockReport.append(isHeld(mutex));
         ++m_mutexReports;
@@ -107,10 +107,11 @@ void tst_KrMutex::init()
                 m_seen.texts.append(text);
                 ++m_readWriteReports;
             });
-    connect(monitor, &KrMutexManager::signalReadWriteMutexUnLock, m_context.get(), [this](QReadWriteLock *lock) {
-        m_seen.heldAtUnlockReport.append(isHeld(lock));
-        ++m_readWriteReports;
-    });
+    connect(monitor, &KrMutexManager::signalReadWriteMutexUnLock, m_context.get(),
+            [this](QReadWriteLock *lock) {
+                m_seen.heldAtUnlockReport.append(isHeld(lock));
+                ++m_readWriteReports;
+            });
 }
 
 void tst_KrMutex::cleanup()
@@ -125,14 +126,31 @@ void tst_KrMutex::reportsAfterTheLockChanged_data()
 
     QMutex *m = &m_mutex;
     QReadWriteLock *rw = &m_readWriteLock;
-    QTest::newRow("lock") << LockAction([m] { KrMutex::lock(m, first, 42, second); return true; }) << false;
-    QTest::newRow("trylock") << LockAction([m] { return KrMutex::trylock(m, 100, first, 42, second); }) << false;
-    QTest::newRow("lockForRead") << LockAction([rw] { KrMutex::lockForRead(rw, first, 42, second); return true; }) << true;
-    QTest::newRow("lockForWrite") << LockAction([rw] { KrMutex::lockForWrite(rw, first, 42, second); return true; }) << true;
-    QTest::newRow("tryLockForRead") << LockAction([rw] { return KrMutex::tryLockForRead(rw, first, 42, second); }) << true;
-    QTest::newRow("tryLockForRead timeout") << LockAction([rw] { return KrMutex::tryLockForRead(rw, 100, first, 42, second); }) << true;
-    QTest::newRow("tryLockForWrite") << LockAction([rw] { return KrMutex::tryLockForWrite(rw, first, 42, second); }) << true;
-    QTest::newRow("tryLockForWrite timeout") << LockAction([rw] { return KrMutex::tryLockForWrite(rw, 100, first, 42, second); }) << true;
+    QTest::newRow("lock") << LockAction([m] {
+        KrMutex::lock(m, first, 42, second);
+        return true;
+    }) << false;
+    QTest::newRow("trylock") << LockAction([m] {
+        return KrMutex::trylock(m, 100, first, 42, second);
+    }) << false;
+    QTest::newRow("lockForRead") << LockAction([rw] {
+        KrMutex::lockForRead(rw, first, 42, second);
+        return true;
+    }) << true;
+    QTest::newRow("lockForWrite") << LockAction([rw] {
+        KrMutex::lockForWrite(rw, first, 42, second);
+        return true;
+    }) << true;
+    QTest::newRow("tryLockForRead")
+            << LockAction([rw] { return KrMutex::tryLockForRead(rw, first, 42, second); }) << true;
+    QTest::newRow("tryLockForRead timeout")
+            << LockAction([rw] { return KrMutex::tryLockForRead(rw, 100, first, 42, second); })
+            << true;
+    QTest::newRow("tryLockForWrite")
+            << LockAction([rw] { return KrMutex::tryLockForWrite(rw, first, 42, second); }) << true;
+    QTest::newRow("tryLockForWrite timeout")
+            << LockAction([rw] { return KrMutex::tryLockForWrite(rw, 100, first, 42, second); })
+            << true;
 }
 
 void tst_KrMutex::reportsAfterTheLockChanged()
@@ -148,9 +166,9 @@ void tst_KrMutex::reportsAfterTheLockChanged()
 
     QCOMPARE(readWrite ? m_readWriteReports : m_mutexReports, 2);
     QCOMPARE(readWrite ? m_mutexReports : m_readWriteReports, 0);
-    QCOMPARE(m_seen.texts, QStringList{callSite});
-    QCOMPARE(m_seen.heldAtLockReport, QVector<bool>{true});
-    QCOMPARE(m_seen.heldAtUnlockReport, QVector<bool>{false});
+    QCOMPARE(m_seen.texts, QStringList {callSite});
+    QCOMPARE(m_seen.heldAtLockReport, QVector<bool> {true});
+    QCOMPARE(m_seen.heldAtUnlockReport, QVector<bool> {false});
 }
 
 void tst_KrMutex::failedTryReportsNothing_data()
@@ -161,17 +179,42 @@ void tst_KrMutex::failedTryReportsNothing_data()
 
     QMutex *m = &m_mutex;
     QReadWriteLock *rw = &m_readWriteLock;
-    const LockAction holdMutex([m] { m->lock(); return true; });
-    const LockAction releaseMutex([m] { m->unlock(); return true; });
-    const LockAction holdForRead([rw] { rw->lockForRead(); return true; });
-    const LockAction holdForWrite([rw] { rw->lockForWrite(); return true; });
-    const LockAction releaseReadWrite([rw] { rw->unlock(); return true; });
+    const LockAction holdMutex([m] {
+        m->lock();
+        return true;
+    });
+    const LockAction releaseMutex([m] {
+        m->unlock();
+        return true;
+    });
+    const LockAction holdForRead([rw] {
+        rw->lockForRead();
+        return true;
+    });
+    const LockAction holdForWrite([rw] {
+        rw->lockForWrite();
+        return true;
+    });
+    const LockAction releaseReadWrite([rw] {
+        rw->unlock();
+        return true;
+    });
 
-    QTest::newRow("trylock") << holdMutex << LockAction([m] { return KrMutex::trylock(m, 10, first, 42, second); }) << releaseMutex;
-    QTest::newRow("tryLockForRead") << holdForWrite << LockAction([rw] { return KrMutex::tryLockForRead(rw, first, 42, second); }) << releaseReadWrite;
-    QTest::newRow("tryLockForRead timeout") << holdForWrite << LockAction([rw] { return KrMutex::tryLockForRead(rw, 10, first, 42, second); }) << releaseReadWrite;
-    QTest::newRow("tryLockForWrite") << holdForRead << LockAction([rw] { return KrMutex::tryLockForWrite(rw, first, 42, second); }) << releaseReadWrite;
-    QTest::newRow("tryLockForWrite timeout") << holdForRead << LockAction([rw] { return KrMutex::tryLockForWrite(rw, 10, first, 42, second); }) << releaseReadWrite;
+    QTest::newRow("trylock") << holdMutex << LockAction([m] {
+        return KrMutex::trylock(m, 10, first, 42, second);
+    }) << releaseMutex;
+    QTest::newRow("tryLockForRead") << holdForWrite << LockAction([rw] {
+        return KrMutex::tryLockForRead(rw, first, 42, second);
+    }) << releaseReadWrite;
+    QTest::newRow("tryLockForRead timeout") << holdForWrite << LockAction([rw] {
+        return KrMutex::tryLockForRead(rw, 10, first, 42, second);
+    }) << releaseReadWrite;
+    QTest::newRow("tryLockForWrite") << holdForRead << LockAction([rw] {
+        return KrMutex::tryLockForWrite(rw, first, 42, second);
+    }) << releaseReadWrite;
+    QTest::newRow("tryLockForWrite timeout") << holdForRead << LockAction([rw] {
+        return KrMutex::tryLockForWrite(rw, 10, first, 42, second);
+    }) << releaseReadWrite;
 }
 
 void tst_KrMutex::failedTryReportsNothing()
@@ -215,7 +258,7 @@ void tst_KrMutex::guardReleasesAndReportsOnce()
     QFETCH(int, kind);
 
     // held while alive, released by the first unlock(), never released twice
-    const QVector<bool> expected{true, false, false};
+    const QVector<bool> expected {true, false, false};
     if (kind == 0) {
         KrMutexLocker guard(&m_mutex, first, 42, second);
         QCOMPARE(guard.mutex(), &m_mutex);
@@ -232,9 +275,9 @@ void tst_KrMutex::guardReleasesAndReportsOnce()
     }
     // one lock and one unlock report, whatever the guard's destructor did after unlock()
     QCOMPARE(m_mutexReports + m_readWriteReports, 2);
-    QCOMPARE(m_seen.heldAtLockReport, QVector<bool>{true});
-    QCOMPARE(m_seen.heldAtUnlockReport, QVector<bool>{false});
-    QCOMPARE(m_seen.texts, QStringList{callSite});
+    QCOMPARE(m_seen.heldAtLockReport, QVector<bool> {true});
+    QCOMPARE(m_seen.heldAtUnlockReport, QVector<bool> {false});
+    QCOMPARE(m_seen.texts, QStringList {callSite});
 }
 
 QTEST_GUILESS_MAIN(tst_KrMutex)

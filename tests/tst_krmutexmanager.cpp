@@ -37,7 +37,10 @@ private Q_SLOTS:
 
 private:
     KrMutexManager *monitor() const { return KrMutexManager::getInstance(); }
-    QVector<CapturedMessage> timeOutWarnings() const { return m_capture->matching(QtWarningMsg, timeOutText); }
+    QVector<CapturedMessage> timeOutWarnings() const
+    {
+        return m_capture->matching(QtWarningMsg, timeOutText);
+    }
 
     std::unique_ptr<MessageCapture> m_capture;
 };
@@ -98,7 +101,8 @@ void tst_KrMutexManager::warnsOnceAfterSixtyTicks()
     QMutex mutex;
     QReadWriteLock readWriteLock;
     auto isRecorded = [&] {
-        return readWrite ? monitor()->containsReadWriteMutex(&readWriteLock) : monitor()->containsMutex(&mutex);
+        return readWrite ? monitor()->containsReadWriteMutex(&readWriteLock)
+                         : monitor()->containsMutex(&mutex);
     };
     if (readWrite)
         KrMutex::lockForRead(&readWriteLock, QStringLiteral("a.cpp"), 42, QStringLiteral("f"));
@@ -114,7 +118,8 @@ void tst_KrMutexManager::warnsOnceAfterSixtyTicks()
     const auto warnings = timeOutWarnings();
     QCOMPARE(warnings.size(), 1);
     QCOMPARE(warnings.first().text,
-             QStringLiteral("KrMutexManager::timerEvent mutex lock time out , please check it a.cpp        42        f"));
+             QStringLiteral("KrMutexManager::timerEvent mutex lock time out , please check it "
+                            "a.cpp        42        f"));
     QCOMPARE(warnings.first().file, QStringLiteral("shell/krutils/KrMutexManager"));
     QVERIFY(!isRecorded()); // reported once, then forgotten
 
@@ -168,7 +173,9 @@ void tst_KrMutexManager::readAndWriteLocksShareOneRecord()
 void tst_KrMutexManager::lockReleasedOnAnotherThread()
 {
     QMutex mutex;
-    std::thread([&] { KrMutex::lock(&mutex, QStringLiteral("t.cpp"), 1, QStringLiteral("taker")); }).join();
+    std::thread([&] {
+        KrMutex::lock(&mutex, QStringLiteral("t.cpp"), 1, QStringLiteral("taker"));
+    }).join();
     waitForQueuedReports(monitor());
     QVERIFY(monitor()->containsMutex(&mutex));
 

@@ -35,13 +35,16 @@ void tst_KrThread::logsStartAndFinishUnderItsName()
 
     const auto started = capture.matching(QtDebugMsg, QStringLiteral("thread started"));
     QCOMPARE(started.size(), 1);
-    QCOMPARE(started.first().text, QStringLiteral("KrThread::slotInitThreadData QuoteWorker  thread started"));
+    QCOMPARE(started.first().text,
+             QStringLiteral("KrThread::slotInitThreadData QuoteWorker  thread started"));
     QCOMPARE(started.first().file, QStringLiteral("shell/krutils/KrThread"));
     QVERIFY(started.first().function.contains(QLatin1String("KrThread::slotInitThreadData")));
     QCOMPARE(started.first().category, QStringLiteral("krutils"));
 
-    const CapturedMessage finished = capture.matching(QtDebugMsg, QStringLiteral("thread finished")).first();
-    QVERIFY2(finished.text.startsWith(QLatin1String("KrThread::KrThread::<lambda")), qPrintable(finished.text));
+    const CapturedMessage finished
+            = capture.matching(QtDebugMsg, QStringLiteral("thread finished")).first();
+    QVERIFY2(finished.text.startsWith(QLatin1String("KrThread::KrThread::<lambda")),
+             qPrintable(finished.text));
     QVERIFY(finished.text.endsWith(QLatin1String(" QuoteWorker  thread finished")));
 }
 
@@ -54,10 +57,12 @@ void tst_KrThread::preparesThreadBeforeQueuedWork()
     worker.moveToThread(&thread);
 
     // queued before the thread exists, so it is the first thing its event loop runs
-    std::atomic<bool> preparedFirst{false};
+    std::atomic<bool> preparedFirst {false};
     QThread *ranOn = nullptr;
     QMetaObject::invokeMethod(&worker, [&] {
-        preparedFirst = capture.matching(QtDebugMsg, QStringLiteral("Prepared  thread started")).size() == 1;
+        preparedFirst
+                = capture.matching(QtDebugMsg, QStringLiteral("Prepared  thread started")).size()
+                == 1;
         ranOn = QThread::currentThread();
     });
     thread.start();
@@ -109,7 +114,7 @@ void tst_KrThread::quitThreadEndsAndDeletesThread()
     object.quitThread();
     QVERIFY(thread->isFinished());
     QTRY_VERIFY(thread.isNull()); // deleted by its own deleteLater
-    object.quitThread();          // nothing left to quit
+    object.quitThread(); // nothing left to quit
 }
 
 void tst_KrThread::destructionWaitsNoLongerThanWaitTime()

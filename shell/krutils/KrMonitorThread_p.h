@@ -1,6 +1,7 @@
 #ifndef KRMONITORTHREAD_P_H
 #define KRMONITORTHREAD_P_H
 
+#include "KrMonitorEventDispatcher_p.h"
 #include "KrThread.h"
 
 #include <QAbstractEventDispatcher>
@@ -16,6 +17,7 @@ template<typename Monitor> KrThread *start(Monitor *monitor, const QString &name
 {
     auto *thread = new KrThread;
     thread->setObjectName(name);
+    thread->setEventDispatcher(new KrMonitorEventDispatcher);
     monitor->moveToThread(thread);
     QObject::connect(thread, &QThread::started, monitor, &Monitor::initManger,
                      Qt::DirectConnection);

@@ -63,8 +63,8 @@ int main(int argc, char **argv)
     int value = 21;
     pthread_t thread;
     void *result = nullptr;
-    if (pthread_create(&thread, nullptr, &doubleIt, &value) != 0 || pthread_join(thread, &result) != 0
-        || result != &value || value != 42)
+    if (pthread_create(&thread, nullptr, &doubleIt, &value) != 0
+        || pthread_join(thread, &result) != 0 || result != &value || value != 42)
         return fail("pthread round trip failed");
 
     std::printf("krutils_client: package, LZ4 (%d -> %d bytes) and pthreads work\n",
