@@ -41,6 +41,6 @@ case "$action" in
     build) ;;
     demo) exec "build/$preset/demo/krdemo" ;;
     test) exec ctest --preset "$preset" ;;
-    bench) exec "build/$preset/bench/krbench" ;;
+    bench) "build/$preset/bench/krbench" && exec "build/$preset/bench/krbench_records" ;;
     *) echo "usage: $0 [build|demo|test|bench]" >&2; exit 2 ;;
 esac
