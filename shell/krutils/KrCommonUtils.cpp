@@ -4,7 +4,13 @@
 
 #include <krdefine/krdefine.h>
 
+#include <QMultiHash>
+#include <QSet>
+
 #include <algorithm>
+#include <array>
+#include <string_view>
+#include <unordered_set>
 #include <vector>
 
 namespace {
@@ -13,6 +19,33 @@ namespace {
 const QString displayRoleKey = QString::number(Qt::DisplayRole); // "0"
 const QString userRoleKey = QString::number(Qt::UserRole); // "256"
 const QString userRole1Key = QString::number(Qt::UserRole + 1); // "257"
+const QString userRole7Key = QString::number(Qt::UserRole + 7); // "263"
+
+// Which entry of a cell record an operation reads: the first of its keys that the record holds
+// (by key presence, whatever the value). The orders differ on purpose.
+template<size_t N> using RolePriority = std::array<const QString *, N>;
+const RolePriority<3> filterPriority {&userRoleKey, &userRole1Key, &displayRoleKey};
+const RolePriority<3> sumPriority {&userRoleKey, &displayRoleKey, &userRole1Key};
+const RolePriority<4> sortPriority {&userRole7Key, &userRoleKey, &displayRoleKey, &userRole1Key};
+
+// One walk over the cell's few entries, comparing keys for equality only; null when the cell
+// holds none of the keys.
+template<size_t N>
+const QVariant *roleValue(const QVariantMap &cell, const RolePriority<N> &priority)
+{
+    const QVariant *best = nullptr;
+    size_t bestRank = N;
+    for (auto it = cell.cbegin(); it != cell.cend() && bestRank > 0; ++it) {
+        for (size_t rank = 0; rank < bestRank; ++rank) {
+            if (it.key() == *priority[rank]) {
+                best = &it.value();
+                bestRank = rank;
+                break;
+            }
+        }
+    }
+    return best;
+}
 
 // --- Filtering ---------------------------------------------------------------------------------
 //
@@ -164,29 +197,12 @@ compileColumnFilters(const QMap<int, QList<QList<QVariantMap>>> &columnFilters)
     return columns;
 }
 
-// The value a filter looks at: the "256" entry, else "257", else "0" (by key presence); null
-// when none is present. One walk over the cell's few entries, comparing keys for equality only.
-const QVariant *filteredValue(const QVariantMap &cell)
-{
-    const QVariant *userRole1 = nullptr;
-    const QVariant *display = nullptr;
-    for (auto it = cell.cbegin(); it != cell.cend(); ++it) {
-        if (it.key() == userRoleKey)
-            return &it.value();
-        if (it.key() == userRole1Key)
-            userRole1 = &it.value();
-        else if (it.key() == displayRoleKey)
-            display = &it.value();
-    }
-    return userRole1 ? userRole1 : display;
-}
-
 bool cellPasses(const QMap<int, QVariantMap> &record, const ColumnFilter &filter)
 {
     const auto cell = record.constFind(filter.column);
     if (cell == record.cend())
         return false;
-    const QVariant *value = filteredValue(*cell);
+    const QVariant *value = roleValue(*cell, filterPriority);
     return value && valuePasses(filter.groups, *value);
 }
 
@@ -209,6 +225,272 @@ void lookAtMostSelectiveFirst(std::vector<ColumnFilter> &columns)
                          // a.rejected / a.looked > b.rejected / b.looked, without division
                          return quint64(a.rejected) * b.looked > quint64(b.rejected) * a.looked;
                      });
+}
+
+// --- Summary row -------------------------------------------------------------------------------
+
+// Adds one value to a column's total by the rules of the summary row; false for a value that is
+// not summed.
+bool addToTotal(QVariant &total, const QVariant &value)
+{
+    switch (value.userType()) {
+    case QMetaType::Int: // integers wrap: add in the unsigned type of the same width
+        total = int(uint(total.toInt()) + uint(value.toInt()));
+        return true;
+    case QMetaType::UInt:
+        total = total.toUInt() + value.toUInt();
+        return true;
+    case QMetaType::LongLong:
+        total = qlonglong(qulonglong(total.toLongLong()) + qulonglong(value.toLongLong()));
+        return true;
+    case QMetaType::ULongLong:
+        total = total.toULongLong() + value.toULongLong();
+        return true;
+    case QMetaType::Double:
+        total = total.toDouble() + value.toDouble();
+        return true;
+    case QMetaType::Float:
+        total = total.toFloat() + value.toFloat();
+        return true;
+    default:
+        return false;
+    }
+}
+
+// --- Sorting -----------------------------------------------------------------------------------
+//
+// Rows are put into buckets of equal value by an ordered map keyed by QVariant's ordering, one
+// key at a time, the next key sorting inside each bucket. The map is a QMap, as the rule is
+// written, so that even values whose QVariant ordering is not consistent (mixed types) land in
+// the same buckets as the rule gives; it holds pointers to the values read once per row, and
+// each bucket is a chain through one shared array, so a row costs no allocation of its own.
+
+struct SortValue
+{
+    const QVariant *value;
+    bool operator<(const SortValue &other) const
+    {
+        return KrVariant::compare(*value, *other.value) < 0;
+    }
+};
+
+struct Bucket
+{
+    int first;
+    int last;
+    int size;
+};
+
+class BucketSort
+{
+public:
+    // values[k][row]: the value of row under key k; descending[k]: that key's order.
+    BucketSort(std::vector<std::vector<const QVariant *>> values, std::vector<bool> descending)
+        : m_values(std::move(values)), m_descending(std::move(descending))
+    {
+    }
+
+    std::vector<int> sorted(int rowCount)
+    {
+        std::vector<int> rows(size_t(rowCount), 0);
+        for (int row = 0; row < rowCount; ++row)
+            rows[size_t(row)] = row;
+        m_next.assign(size_t(rowCount), -1);
+        std::vector<int> result;
+        result.reserve(size_t(rowCount));
+        sortInto(rows, 0, result);
+        return result;
+    }
+
+private:
+    void sortInto(const std::vector<int> &rows, size_t key, std::vector<int> &out)
+    {
+        if (key == m_values.size() || rows.size() < 2) {
+            out.insert(out.end(), rows.begin(), rows.end());
+            return;
+        }
+        const std::vector<const QVariant *> &values = m_values[key];
+        QMap<SortValue, Bucket> buckets;
+        for (int row : rows) {
+            auto it = buckets.find(SortValue {values[size_t(row)]});
+            if (it == buckets.end()) {
+                buckets.insert(SortValue {values[size_t(row)]}, Bucket {row, row, 1});
+            } else {
+                m_next[size_t(it->last)] = row;
+                it->last = row;
+                ++it->size;
+            }
+        }
+        std::vector<Bucket> ordered(buckets.cbegin(), buckets.cend());
+        if (m_descending[key])
+            std::reverse(ordered.begin(), ordered.end());
+        std::vector<int> bucketRows;
+        for (const Bucket &bucket : ordered) {
+            bucketRows.clear();
+            for (int row = bucket.first, n = 0; n < bucket.size; row = m_next[size_t(row)], ++n)
+                bucketRows.push_back(row);
+            sortInto(bucketRows, key + 1, out);
+        }
+    }
+
+    const std::vector<std::vector<const QVariant *>> m_values;
+    const std::vector<bool> m_descending;
+    std::vector<int> m_next; // chains the rows of a bucket in input order
+};
+
+// The shared frame of the two sorts: checks, reads each key's values once, sorts, reorders.
+template<typename Record, typename Key, typename ReadValue>
+int sortByKeys(QList<Record> &records, const QList<QPair<Key, Qt::SortOrder>> &keys,
+               ReadValue readValue)
+{
+    if (records.isEmpty())
+        return -1;
+    if (keys.isEmpty())
+        return -2;
+    static const QVariant invalid;
+    std::vector<std::vector<const QVariant *>> values;
+    std::vector<bool> descending;
+    for (const auto &key : keys) {
+        std::vector<const QVariant *> column;
+        column.reserve(size_t(records.size()));
+        for (const Record &record : qAsConst(records)) {
+            const QVariant *value = readValue(record, key.first);
+            column.push_back(value ? value : &invalid);
+        }
+        values.push_back(std::move(column));
+        descending.push_back(key.second == Qt::DescendingOrder);
+    }
+    const std::vector<int> order
+            = BucketSort(std::move(values), std::move(descending)).sorted(records.size());
+    QList<Record> sorted;
+    sorted.reserve(records.size());
+    for (int row : order)
+        sorted.append(records.at(row));
+    records = sorted;
+    return 0;
+}
+
+// --- Sets --------------------------------------------------------------------------------------
+
+// The index of the list the intersection starts from: the shortest, the first of equal lengths;
+// an empty list is passed over in favour of the next one (the result is empty all the same).
+template<typename List> int baseListIndex(const QList<List> &lists)
+{
+    int base = 0;
+    for (int i = 1; i < lists.size(); ++i) {
+        if (lists.at(base).isEmpty() || lists.at(i).size() < lists.at(base).size())
+            base = i;
+    }
+    return base;
+}
+
+// Removes from result what a list lacks; `makeSet` builds a fast membership test of a list.
+template<typename T, typename MakeSet>
+QList<T> intersect(const QList<QList<T>> &lists, MakeSet makeSet)
+{
+    if (lists.isEmpty())
+        return {};
+    const int base = baseListIndex(lists);
+    QList<T> result = lists.at(base);
+    for (int i = 0; i < lists.size() && !result.isEmpty(); ++i) {
+        if (i == base)
+            continue;
+        const auto members = makeSet(lists.at(i));
+        result.erase(std::remove_if(result.begin(), result.end(),
+                                    [&](const T &element) { return !members.contains(element); }),
+                     result.end());
+    }
+    return result;
+}
+
+// Byte-exact membership of strings; the views point into the list, which outlives the test.
+class StringMembers
+{
+public:
+    explicit StringMembers(const QList<std::string> &list)
+    {
+        m_members.reserve(size_t(list.size()));
+        for (const std::string &element : list)
+            m_members.insert(element);
+    }
+    bool contains(const std::string &element) const { return m_members.count(element) > 0; }
+
+private:
+    std::unordered_set<std::string_view> m_members;
+};
+
+// Variant types whose QVariant == between two values of the type is plain equality of their
+// content, so that a hash of the content is a faithful membership test.
+bool hasExactEquality(int type)
+{
+    switch (type) {
+    case QMetaType::Bool:
+    case QMetaType::Int:
+    case QMetaType::UInt:
+    case QMetaType::LongLong:
+    case QMetaType::ULongLong:
+    case QMetaType::QString:
+    case QMetaType::QByteArray:
+        return true;
+    default:
+        return false;
+    }
+}
+
+// A membership test by QVariant ==: hashed when every element everywhere has one exact type
+// (checked by the caller), pairwise otherwise.
+class VariantMembers
+{
+public:
+    VariantMembers(const QList<QVariant> &list, bool hashed) : m_list(list), m_hashed(hashed)
+    {
+        if (!hashed)
+            return;
+        m_hashes.reserve(list.size());
+        for (const QVariant &element : list)
+            m_hashes.insert(hashOf(element), &element);
+    }
+
+    bool contains(const QVariant &element) const
+    {
+        if (!m_hashed)
+            return m_list.contains(element);
+        for (auto it = m_hashes.constFind(hashOf(element));
+             it != m_hashes.cend() && it.key() == hashOf(element); ++it) {
+            if (**it == element)
+                return true;
+        }
+        return false;
+    }
+
+private:
+    static uint hashOf(const QVariant &value)
+    {
+        switch (value.userType()) {
+        case QMetaType::QString:
+            return qHash(*static_cast<const QString *>(value.constData()));
+        case QMetaType::QByteArray:
+            return qHash(*static_cast<const QByteArray *>(value.constData()));
+        default:
+            return qHash(value.toULongLong());
+        }
+    }
+
+    const QList<QVariant> &m_list;
+    const bool m_hashed;
+    QMultiHash<uint, const QVariant *> m_hashes;
+};
+
+// --- Key conversions ---------------------------------------------------------------------------
+
+template<typename From, typename To, typename Convert>
+QList<To> convertEach(const QList<From> &maps, Convert convert)
+{
+    QList<To> converted;
+    converted.reserve(maps.size());
+    for (const From &map : maps)
+        converted.append(convert(map));
+    return converted;
 }
 
 } // namespace
@@ -240,4 +522,118 @@ QList<QMap<int, QVariantMap>> KrCommonUtils::getMatchRecordListByFilterList(
             matching.append(records.at(row));
     }
     return matching;
+}
+
+QMap<int, QVariantMap>
+KrCommonUtils::getTableViewSumRecord(const QList<QMap<int, QVariantMap>> &records,
+                                     const QList<int> &excludedColumns)
+{
+    const QSet<int> excluded(excludedColumns.cbegin(), excludedColumns.cend());
+    QMap<int, QVariant> totals;
+    for (const QMap<int, QVariantMap> &record : records) {
+        auto total = totals.begin();
+        for (auto cell = record.cbegin(); cell != record.cend(); ++cell) {
+            if (excluded.contains(cell.key()))
+                continue;
+            const QVariant *value = roleValue(*cell, sumPriority);
+            if (!value)
+                continue;
+            // rows usually hold the same columns: the total of the previous cell's column is the
+            // nearest guess for where this one's is
+            if (total == totals.end() || total.key() != cell.key())
+                total = totals.find(cell.key());
+            if (total == totals.end()) {
+                QVariant first;
+                if (addToTotal(first, *value))
+                    total = totals.insert(cell.key(), first);
+            } else {
+                addToTotal(*total, *value);
+            }
+        }
+    }
+    QMap<int, QVariantMap> sumRecord;
+    for (auto it = totals.cbegin(); it != totals.cend(); ++it)
+        sumRecord.insert(it.key(), {{displayRoleKey, *it}});
+    return sumRecord;
+}
+
+int KrCommonUtils::sortDataListByKeys(QList<QVariantMap> &records,
+                                      const QList<QPair<QString, Qt::SortOrder>> &keys)
+{
+    return sortByKeys(records, keys,
+                      [](const QVariantMap &record, const QString &key) -> const QVariant * {
+                          const auto it = record.constFind(key);
+                          return it == record.cend() ? nullptr : &*it;
+                      });
+}
+
+int KrCommonUtils::sortTableViewRecordListByKeys(QList<QMap<int, QVariantMap>> &records,
+                                                 const QList<QPair<int, Qt::SortOrder>> &keys)
+{
+    return sortByKeys(records, keys,
+                      [](const QMap<int, QVariantMap> &record, int column) -> const QVariant * {
+                          const auto cell = record.constFind(column);
+                          return cell == record.cend() ? nullptr : roleValue(*cell, sortPriority);
+                      });
+}
+
+QList<std::string> KrCommonUtils::getIntersection(const QList<QList<std::string>> &lists)
+{
+    return intersect(lists, [](const QList<std::string> &list) { return StringMembers(list); });
+}
+
+QList<QVariant> KrCommonUtils::getIntersection(const QList<QList<QVariant>> &lists)
+{
+    int commonType = QMetaType::UnknownType;
+    bool oneType = true;
+    for (const QList<QVariant> &list : lists) {
+        for (const QVariant &element : list) {
+            if (commonType == QMetaType::UnknownType)
+                commonType = element.userType();
+            oneType = oneType && element.userType() == commonType;
+        }
+    }
+    const bool hashed = oneType && hasExactEquality(commonType);
+    return intersect(
+            lists, [hashed](const QList<QVariant> &list) { return VariantMembers(list, hashed); });
+}
+
+bool KrCommonUtils::listContainsList(const QStringList &list, const QStringList &candidates)
+{
+    if (candidates.isEmpty())
+        return false;
+    const QSet<QString> members(list.cbegin(), list.cend());
+    return std::any_of(candidates.cbegin(), candidates.cend(),
+                       [&](const QString &candidate) { return members.contains(candidate); });
+}
+
+QMap<QString, QVariant> KrCommonUtils::transformQMapToQVariantMap(const QMap<int, QVariant> &map)
+{
+    QMap<QString, QVariant> converted;
+    for (auto it = map.cbegin(); it != map.cend(); ++it)
+        converted.insert(QString::number(it.key()), *it);
+    return converted;
+}
+
+QList<QMap<QString, QVariant>>
+KrCommonUtils::transformQMapToQVariantMap(const QList<QMap<int, QVariant>> &maps)
+{
+    return convertEach<QMap<int, QVariant>, QMap<QString, QVariant>>(
+            maps, [](const QMap<int, QVariant> &map) { return transformQMapToQVariantMap(map); });
+}
+
+QMap<int, QVariant> KrCommonUtils::transformQVariantMapToQMap(const QMap<QString, QVariant> &map)
+{
+    QMap<int, QVariant> converted;
+    for (auto it = map.cbegin(); it != map.cend(); ++it)
+        converted.insert(it.key().toInt(), *it); // in text order: a later key overwrites
+    return converted;
+}
+
+QList<QMap<int, QVariant>>
+KrCommonUtils::transformQVariantMapToQMap(const QList<QMap<QString, QVariant>> &maps)
+{
+    return convertEach<QMap<QString, QVariant>, QMap<int, QVariant>>(
+            maps,
+            [](const QMap<QString, QVariant> &map) { return transformQVariantMapToQMap(map); });
 }

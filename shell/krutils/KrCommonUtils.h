@@ -5,8 +5,12 @@
 
 #include <QList>
 #include <QMap>
+#include <QPair>
 #include <QString>
+#include <QStringList>
 #include <QVariant>
+
+#include <string>
 
 // The record shapes that the client's table views, the record utilities and the workbook
 // exchange share.
@@ -65,6 +69,58 @@ public:
     getMatchRecordListByFilterList(const QList<QMap<int, QVariantMap>> &records,
                                    const QMap<int, QList<QList<QVariantMap>>> &columnFilters,
                                    const QMap<int, int> &columnTags);
+
+    // --- Summary row -------------------------------------------------------------------------
+
+    // The sum row of a table: per column not in excludedColumns, the total of the cells' values
+    // under "0". A cell contributes its "256" entry, else its "0" entry, else its "257" entry
+    // (by key presence) when that value is an Int, UInt, LongLong, ULongLong, Double or Float;
+    // other values are ignored. Each contribution is added in its own type, after converting the
+    // total so far with QVariant's toInt(), toDouble(), ... (so the total takes the type of the
+    // last value summed); integers wrap on overflow. Columns with nothing summed are absent.
+    static QMap<int, QVariantMap>
+    getTableViewSumRecord(const QList<QMap<int, QVariantMap>> &records,
+                          const QList<int> &excludedColumns);
+
+    // --- Sorting -----------------------------------------------------------------------------
+    //
+    // Both sorts are stable, in either order, and sort by the first key, then by the second
+    // within equal first values, and so on. Values are ordered by Qt 5.15's QVariant ordering;
+    // values that compare equal stay together in their input order (descending order reverses
+    // the groups, never the order inside a group). They return 0, or -1 for an empty list
+    // (tested first), -2 for no keys, leaving the list untouched.
+
+    // Sorts records by named fields (a missing field reads as an invalid QVariant).
+    static int sortDataListByKeys(QList<QVariantMap> &records,
+                                  const QList<QPair<QString, Qt::SortOrder>> &keys);
+    // Sorts table rows by columns, reading each cell's "263" entry, else "256", else "0", else
+    // "257" (by key presence; an invalid QVariant when none is there).
+    static int sortTableViewRecordListByKeys(QList<QMap<int, QVariantMap>> &records,
+                                             const QList<QPair<int, Qt::SortOrder>> &keys);
+
+    // --- Sets --------------------------------------------------------------------------------
+
+    // The elements of the shortest list (the first of equal lengths) that every other list holds,
+    // in that list's order, duplicates included. Strings match byte for byte, variants by
+    // QVariant ==. Runs in near-linear time; only lists of variants of mixed or inexact types
+    // (doubles compare fuzzily, numbers equal their text) fall back to pairwise comparisons.
+    static QList<std::string> getIntersection(const QList<QList<std::string>> &lists);
+    static QList<QVariant> getIntersection(const QList<QList<QVariant>> &lists);
+
+    // Whether list holds at least one of candidates (case-sensitive); false for no candidates.
+    static bool listContainsList(const QStringList &list, const QStringList &candidates);
+
+    // --- Key conversions ---------------------------------------------------------------------
+
+    // Integer keys to their decimal text; values unchanged.
+    static QMap<QString, QVariant> transformQMapToQVariantMap(const QMap<int, QVariant> &map);
+    static QList<QMap<QString, QVariant>>
+    transformQMapToQVariantMap(const QList<QMap<int, QVariant>> &maps);
+    // Text keys to integers (QString::toInt, 0 for a non-number; of several keys that give the
+    // same integer, the one that sorts last as text wins); values unchanged.
+    static QMap<int, QVariant> transformQVariantMapToQMap(const QMap<QString, QVariant> &map);
+    static QList<QMap<int, QVariant>>
+    transformQVariantMapToQMap(const QList<QMap<QString, QVariant>> &maps);
 };
 
 #endif // KRCOMMONUTILS_H
