@@ -15,6 +15,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 namespace {
 
@@ -87,6 +88,163 @@ void filterObviousLoop(benchmark::State &state)
     state.counters["matched"] = matched;
 }
 
+// --- Sorts -------------------------------------------------------------------------------------
+
+const QList<QPair<int, Qt::SortOrder>> sortColumns {{KrBlotter::Symbol, Qt::AscendingOrder},
+                                                    {KrBlotter::Price, Qt::DescendingOrder}};
+
+// The blotter as field records, for sortDataListByKeys.
+const QList<QVariantMap> &blotterRecords()
+{
+    static const QList<QVariantMap> records = [] {
+        QList<QVariantMap> result;
+        result.reserve(blotter().size());
+        for (const auto &row : blotter()) {
+            QVariantMap record;
+            for (auto cell = row.cbegin(); cell != row.cend(); ++cell)
+                record.insert(QString::number(cell.key()),
+                              cell->value(QStringLiteral("256"), cell->value(QStringLiteral("0"))));
+            result.append(record);
+        }
+        return result;
+    }();
+    return records;
+}
+
+QT_WARNING_PUSH
+QT_WARNING_DISABLE_DEPRECATED
+// What a client writes without the library: std::stable_sort, reading each value per comparison.
+template<typename Record, typename Key, typename ReadValue>
+void stableSortByKeys(QList<Record> &records, const QList<QPair<Key, Qt::SortOrder>> &keys,
+                      ReadValue readValue)
+{
+    std::stable_sort(records.begin(), records.end(), [&](const Record &a, const Record &b) {
+        for (const auto &key : keys) {
+            const QVariant va = readValue(a, key.first), vb = readValue(b, key.first);
+            if (va < vb)
+                return key.second == Qt::AscendingOrder;
+            if (vb < va)
+                return key.second == Qt::DescendingOrder;
+        }
+        return false;
+    });
+}
+QT_WARNING_POP
+
+QVariant cellSortValue(const QMap<int, QVariantMap> &row, int column)
+{
+    const QVariantMap cell = row.value(column);
+    for (const char *role : {"263", "256", "0", "257"}) {
+        if (cell.contains(QLatin1String(role)))
+            return cell.value(QLatin1String(role));
+    }
+    return QVariant();
+}
+
+template<typename List, typename Sort>
+void runSort(benchmark::State &state, const List &input, Sort sort)
+{
+    List sorted;
+    for (auto _ : state) {
+        state.PauseTiming();
+        sorted = input;
+        sorted.detach();
+        state.ResumeTiming();
+        sort(sorted);
+    }
+    state.SetItemsProcessed(state.iterations() * input.size());
+}
+
+void sortTableLibrary(benchmark::State &state)
+{
+    runSort(state, blotter(),
+            [](auto &rows) { KrCommonUtils::sortTableViewRecordListByKeys(rows, sortColumns); });
+}
+
+void sortTableStableSort(benchmark::State &state)
+{
+    runSort(state, blotter(),
+            [](auto &rows) { stableSortByKeys(rows, sortColumns, cellSortValue); });
+}
+
+const QList<QPair<QString, Qt::SortOrder>> sortFields {
+        {QString::number(KrBlotter::Symbol), Qt::AscendingOrder},
+        {QString::number(KrBlotter::Price), Qt::DescendingOrder}};
+
+void sortDataLibrary(benchmark::State &state)
+{
+    runSort(state, blotterRecords(),
+            [](auto &records) { KrCommonUtils::sortDataListByKeys(records, sortFields); });
+}
+
+void sortDataStableSort(benchmark::State &state)
+{
+    runSort(state, blotterRecords(), [](auto &records) {
+        stableSortByKeys(records, sortFields,
+                         [](const QVariantMap &r, const QString &key) { return r.value(key); });
+    });
+}
+
+// --- Summary row and intersection ---------------------------------------------------------------
+
+void sumRecord(benchmark::State &state)
+{
+    const auto &rows = blotter();
+    for (auto _ : state)
+        benchmark::DoNotOptimize(KrCommonUtils::getTableViewSumRecord(rows, {}));
+    state.SetItemsProcessed(state.iterations() * rows.size());
+}
+
+// Five lists of `size` order ids as text, overlapping by about half.
+QList<QList<std::string>> idLists(int size)
+{
+    QRandomGenerator random(7);
+    QList<QList<std::string>> lists;
+    for (int l = 0; l < 5; ++l) {
+        QList<std::string> list;
+        list.reserve(size);
+        for (int i = 0; i < size; ++i)
+            list.append("ORD" + std::to_string(random.bounded(2 * size)));
+        lists.append(list);
+    }
+    return lists;
+}
+
+void intersectStrings(benchmark::State &state)
+{
+    const auto lists = idLists(int(state.range(0)));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(KrCommonUtils::getIntersection(lists));
+    state.SetItemsProcessed(state.iterations() * 5 * state.range(0));
+}
+
+void intersectVariants(benchmark::State &state)
+{
+    QList<QVariantList> lists;
+    for (const auto &list : idLists(int(state.range(0)))) {
+        QVariantList variants;
+        for (const std::string &id : list)
+            variants.append(QString::fromStdString(id));
+        lists.append(variants);
+    }
+    for (auto _ : state)
+        benchmark::DoNotOptimize(KrCommonUtils::getIntersection(lists));
+    state.SetItemsProcessed(state.iterations() * 5 * state.range(0));
+}
+
+// The sorts must give the very order std::stable_sort gives on the blotter's consistent values.
+bool sortsAgreeWithStableSort()
+{
+    auto rows = blotter(), expectedRows = blotter();
+    KrCommonUtils::sortTableViewRecordListByKeys(rows, sortColumns);
+    stableSortByKeys(expectedRows, sortColumns, cellSortValue);
+    auto records = blotterRecords(), expectedRecords = blotterRecords();
+    KrCommonUtils::sortDataListByKeys(records, sortFields);
+    stableSortByKeys(expectedRecords, sortFields,
+                     [](const QVariantMap &r, const QString &key) { return r.value(key); });
+    return rows == expectedRows && records == expectedRecords;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -108,6 +266,28 @@ int main(int argc, char **argv)
     benchmark::RegisterBenchmark("filter/obvious loop", filterObviousLoop)
             ->Unit(benchmark::kMillisecond)
             ->MinTime(2);
+    const auto slow = [](benchmark::internal::Benchmark *b) {
+        b->Unit(benchmark::kMillisecond)->Iterations(2);
+    };
+    slow(benchmark::RegisterBenchmark("sortTableViewRecordListByKeys/KrCommonUtils",
+                                      sortTableLibrary));
+    slow(benchmark::RegisterBenchmark("sortTableViewRecordListByKeys/std::stable_sort",
+                                      sortTableStableSort));
+    slow(benchmark::RegisterBenchmark("sortDataListByKeys/KrCommonUtils", sortDataLibrary));
+    slow(benchmark::RegisterBenchmark("sortDataListByKeys/std::stable_sort", sortDataStableSort));
+    benchmark::RegisterBenchmark("getTableViewSumRecord/all columns", sumRecord)
+            ->Unit(benchmark::kMillisecond)
+            ->MinTime(2);
+    benchmark::RegisterBenchmark("getIntersection/std::string", intersectStrings)
+            ->Arg(10000)
+            ->Arg(100000)
+            ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("getIntersection/QVariant(QString)", intersectVariants)
+            ->Arg(10000)
+            ->Arg(100000)
+            ->Unit(benchmark::kMillisecond);
     benchmark::RunSpecifiedBenchmarks();
+    std::printf("Sorted orders identical to std::stable_sort: %s\n",
+                sortsAgreeWithStableSort() ? "yes" : "NO");
     return 0;
 }

@@ -217,12 +217,12 @@ void tourFunctionGuard()
     }
 }
 
-
 // --- Record utilities --------------------------------------------------------------------------
 
 enum BlotterColumn { TradeId, Symbol, Side, Price, Quantity };
 
-QMap<int, QVariantMap> trade(int id, const QString &symbol, const QString &side, double price, int quantity)
+QMap<int, QVariantMap> trade(int id, const QString &symbol, const QString &side, double price,
+                             int quantity)
 {
     // as a table view fills its rows: displayed text under "0", the raw value under "256"
     const QString display = QStringLiteral("0"), raw = QStringLiteral("256");
@@ -233,7 +233,8 @@ QMap<int, QVariantMap> trade(int id, const QString &symbol, const QString &side,
             {Quantity, {{display, QString::number(quantity)}, {raw, quantity}}}};
 }
 
-QVariantMap condition(const QString &compare, const QVariant &operand, const QString &logic = QString())
+QVariantMap condition(const QString &compare, const QVariant &operand,
+                      const QString &logic = QString())
 {
     return {{Orvex_Fields::Infomation::compareOperator, compare},
             {Orvex_Fields::System::filterValue, operand},
@@ -242,56 +243,78 @@ QVariantMap condition(const QString &compare, const QVariant &operand, const QSt
 
 void printTrades(const QList<QMap<int, QVariantMap>> &trades)
 {
-    say("      %s\n", QStringLiteral("%1 %2 %3 %4 %5")
-                          .arg(QStringLiteral("id"), 4)
-                          .arg(QStringLiteral("symbol"), -10)
-                          .arg(QStringLiteral("side"), -5)
-                          .arg(QStringLiteral("price"), 8)
-                          .arg(QStringLiteral("qty"), 6));
+    say("      %s\n",
+        QStringLiteral("%1 %2 %3 %4 %5")
+                .arg(QStringLiteral("id"), 4)
+                .arg(QStringLiteral("symbol"), -10)
+                .arg(QStringLiteral("side"), -5)
+                .arg(QStringLiteral("price"), 8)
+                .arg(QStringLiteral("qty"), 6));
     for (const auto &row : trades) {
-        auto text = [&](int column) { return row.value(column).value(QStringLiteral("0")).toString(); };
-        say("      %s\n", QStringLiteral("%1 %2 %3 %4 %5")
-                              .arg(text(TradeId), 4)
-                              .arg(text(Symbol), -10)
-                              .arg(text(Side), -5)
-                              .arg(text(Price), 8)
-                              .arg(text(Quantity), 6));
+        auto text = [&](int column) {
+            return row.value(column).value(QStringLiteral("0")).toString();
+        };
+        say("      %s\n",
+            QStringLiteral("%1 %2 %3 %4 %5")
+                    .arg(text(TradeId), 4)
+                    .arg(text(Symbol), -10)
+                    .arg(text(Side), -5)
+                    .arg(text(Price), 8)
+                    .arg(text(Quantity), 6));
     }
 }
 
 void tourRecordFilter()
 {
-    section("4. Record filter (KrCommonUtils)",
+    section("4. Record utilities (KrCommonUtils): filter, sort, summary row",
             "A trader's filter on a small blotter: each filtered column has groups of conditions\n"
-            "(any group may pass), a condition compares the cell's raw value with QVariant's rules,\n"
+            "(any group may pass), a condition compares the cell's raw value with QVariant's "
+            "rules,\n"
             "and conditions of a group join left to right through and / or / not (\"and not\").");
-    const QList<QMap<int, QVariantMap>> blotter{
-        trade(1, QStringLiteral("600519.SH"), QStringLiteral("Buy"), 1688.50, 200),
-        trade(2, QStringLiteral("000001.SZ"), QStringLiteral("Sell"), 11.37, 5000),
-        trade(3, QStringLiteral("IF2412"), QStringLiteral("Buy"), 3912.40, 3),
-        trade(4, QStringLiteral("601318.SH"), QStringLiteral("Buy"), 42.18, 1200),
-        trade(5, QStringLiteral("000001.SZ"), QStringLiteral("Buy"), 11.40, 300),
-        trade(6, QStringLiteral("300750.SZ"), QStringLiteral("Sell"), 178.90, 800),
-        trade(7, QStringLiteral("601318.SH"), QStringLiteral("Sell"), 42.25, 2500),
+    const QList<QMap<int, QVariantMap>> blotter {
+            trade(1, QStringLiteral("600519.SH"), QStringLiteral("Buy"), 1688.50, 200),
+            trade(2, QStringLiteral("000001.SZ"), QStringLiteral("Sell"), 11.37, 5000),
+            trade(3, QStringLiteral("IF2412"), QStringLiteral("Buy"), 3912.40, 3),
+            trade(4, QStringLiteral("601318.SH"), QStringLiteral("Buy"), 42.18, 1200),
+            trade(5, QStringLiteral("000001.SZ"), QStringLiteral("Buy"), 11.40, 300),
+            trade(6, QStringLiteral("300750.SZ"), QStringLiteral("Sell"), 178.90, 800),
+            trade(7, QStringLiteral("601318.SH"), QStringLiteral("Sell"), 42.25, 2500),
     };
     say("  The blotter:\n");
     printTrades(blotter);
 
     using namespace Orvex_Values;
-    const QMap<int, QList<QList<QVariantMap>>> filter{
-        // price: between 10 and 50, or at least 1000
-        {Price,
-         {{condition(CompareOperator::greaterOrEqual, 10.0, LogicOperator::andOperator),
-           condition(CompareOperator::lessOrEqual, 50.0)},
-          {condition(CompareOperator::greaterOrEqual, 1000.0)}}},
-        // quantity: at least 1000, but not exactly 5000
-        {Quantity,
-         {{condition(CompareOperator::greaterOrEqual, 1000, LogicOperator::notOperator),
-           condition(CompareOperator::equal, 5000)}}},
+    const QMap<int, QList<QList<QVariantMap>>> filter {
+            // price: between 10 and 50, or at least 1000
+            {Price,
+             {{condition(CompareOperator::greaterOrEqual, 10.0, LogicOperator::andOperator),
+               condition(CompareOperator::lessOrEqual, 50.0)},
+              {condition(CompareOperator::greaterOrEqual, 1000.0)}}},
+            // quantity: at least 1000, but not exactly 5000
+            {Quantity,
+             {{condition(CompareOperator::greaterOrEqual, 1000, LogicOperator::notOperator),
+               condition(CompareOperator::equal, 5000)}}},
     };
-    say("\n  Filter: price in [10, 50] or price >= 1000; and quantity >= 1000 \"not\" quantity == 5000\n");
+    say("\n  Filter: price in [10, 50] or price >= 1000; and quantity >= 1000 \"not\" quantity == "
+        "5000\n");
     printTrades(KrCommonUtils::getMatchRecordListByFilterList(blotter, filter, {}));
     say("  (trades 4 and 7 pass; trade 2 has 5000 shares, trade 1 too few.)\n");
+
+    QList<QMap<int, QVariantMap>> sorted = blotter;
+    KrCommonUtils::sortTableViewRecordListByKeys(
+            sorted, {{Side, Qt::DescendingOrder}, {Price, Qt::AscendingOrder}});
+    say("\n  Sorted by side (descending), then price (ascending) within each side:\n");
+    printTrades(sorted);
+
+    const QMap<int, QVariantMap> sum = KrCommonUtils::getTableViewSumRecord(blotter, {TradeId});
+    say("\n  Summary row (trade ids excluded; text columns have nothing to sum):\n");
+    say("      %s\n",
+        QStringLiteral("%1 %2 %3 %4 %5")
+                .arg(QStringLiteral("sum"), 4)
+                .arg(QString(), -10)
+                .arg(QString(), -5)
+                .arg(sum.value(Price).value(QStringLiteral("0")).toDouble(), 8, 'f', 2)
+                .arg(sum.value(Quantity).value(QStringLiteral("0")).toInt(), 6));
 }
 
 } // namespace
