@@ -15,7 +15,7 @@ preset=${KRUTILS_PRESET:-default}
 
 packages=(
     cmake ninja-build g++ pkg-config   # build
-    qtbase5-dev                        # Qt Core (and Qt Test for the tests)
+    qtbase5-dev                        # Qt Core, Gui, Widgets (and Qt Test for the tests)
     liblz4-dev                         # LZ4, part of the library's interface
     libbenchmark-dev                   # bench/
 )

@@ -13,6 +13,7 @@
 #include <krutils/KrWriteLocker.h>
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QEventLoop>
 #include <QMap>
 #include <QMutex>
@@ -317,6 +318,45 @@ void tourRecordFilter()
                 .arg(sum.value(Quantity).value(QStringLiteral("0")).toInt(), 6));
 }
 
+void tourParameterFile()
+{
+    section("5. Parameter files (KrCommonUtils::praseAlgoParamJsonFile)",
+            "An algorithm plug-in describes its parameters in res/plugindata/algo/<name>.json, "
+            "read\n"
+            "relative to the current directory (the client's installation folder; here the "
+            "demo's).");
+    QDir::setCurrent(QCoreApplication::applicationDirPath());
+    QList<QVariantMap> basic, initial, perform, report, log;
+    QVariantMap monitorUi, createUi;
+    const int code = KrCommonUtils::praseAlgoParamJsonFile(
+            QStringLiteral("twap.json"), basic, initial, perform, report, log, monitorUi, createUi);
+    say("  praseAlgoParamJsonFile(\"twap.json\") returned %s (0 parsed, -1 no text, -2 not JSON)\n",
+        QString::number(code));
+    auto describe = [](const char *title, const QList<QVariantMap> &params) {
+        QStringList items;
+        for (const QVariantMap &param : params)
+            items << QStringLiteral("%1 = %2").arg(
+                    param.value(QStringLiteral("label")).toString(),
+                    param.value(QStringLiteral("default")).toString());
+        say("    %s\n",
+            QStringLiteral("%1: %2").arg(QLatin1String(title), items.join(QStringLiteral("; "))));
+    };
+    describe("basic", basic);
+    describe("initial", initial);
+    describe("perform", perform);
+    say("    %s\n",
+        QStringLiteral("report: %1 fields, log: %2, create UI: %3 x %4 \"%5\"")
+                .arg(report.size())
+                .arg(log.size())
+                .arg(createUi.value(QStringLiteral("width")).toInt())
+                .arg(createUi.value(QStringLiteral("height")).toInt())
+                .arg(createUi.value(QStringLiteral("title")).toString()));
+    const int missing = KrCommonUtils::praseAlgoParamJsonFile(
+            QStringLiteral("vwap.json"), basic, initial, perform, report, log, monitorUi, createUi);
+    say("  A plug-in without its file: praseAlgoParamJsonFile(\"vwap.json\") returned %s\n",
+        QString::number(missing));
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -332,6 +372,7 @@ int main(int argc, char **argv)
     tourLockMonitor();
     tourFunctionGuard();
     tourRecordFilter();
+    tourParameterFile();
     say("\nDone. The monitors stop with the process.\n");
     return 0;
 }

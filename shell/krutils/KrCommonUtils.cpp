@@ -1,11 +1,21 @@
 #include "KrCommonUtils.h"
 
+#include "KrLogging_p.h"
 #include "KrVariantCompare_p.h"
 
 #include <krdefine/krdefine.h>
 
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QGuiApplication>
+#include <QJsonDocument>
 #include <QMultiHash>
+#include <QPixmap>
+#include <QScreen>
 #include <QSet>
+#include <QTextStream>
+#include <QWidget>
 
 #include <algorithm>
 #include <array>
@@ -493,6 +503,80 @@ QList<To> convertEach(const QList<From> &maps, Convert convert)
     return converted;
 }
 
+// --- Parameter files ---------------------------------------------------------------------------
+
+const QString algoParamFolder = QStringLiteral("res/plugindata/algo/");
+const QString indicatorParamFolder = QStringLiteral("res/plugindata/Indicatoration/");
+
+// The file's top-level object, or the parser's code (-1 no text, -2 not JSON) in `code`.
+QVariantMap readParamFile(const QString &path, int &code)
+{
+    const QString text = KrCommonUtils::readAll(path);
+    if (text.isEmpty()) {
+        code = -1;
+        return {};
+    }
+    QJsonDocument document;
+    if (!KrCommonUtils::canCreateJsonDocu(document, text)) {
+        code = -2;
+        return {};
+    }
+    code = 0;
+    return document.toVariant().toMap();
+}
+
+void appendRecords(const QVariantMap &file, const char *member, QList<QVariantMap> &records)
+{
+    const QVariantList elements = file.value(QLatin1String(member)).toList();
+    for (const QVariant &element : elements)
+        records.append(element.toMap());
+}
+
+// --- Files and directories -------------------------------------------------------------------
+
+// Removes a directory entry that is a symbolic link, as the link; false for any other entry.
+bool removedAsLink(const QFileInfo &entry, QDir &directory)
+{
+    if (!entry.isSymLink())
+        return false;
+    directory.remove(entry.fileName());
+    return true;
+}
+
+// Deletes a directory tree, hidden and read-only entries included; false at the first failure.
+bool delDirectoryPri(const QString &path)
+{
+    QDir directory(path);
+    if (!directory.exists())
+        return false;
+    const QFileInfoList entries = directory.entryInfoList(QDir::NoDotAndDotDot | QDir::AllEntries
+                                                          | QDir::Hidden | QDir::System);
+    for (const QFileInfo &entry : entries) {
+        if (entry.isSymLink()) {
+            if (!directory.remove(entry.fileName())) {
+                krDebug(KrCommonUtils) << "rm file failed:" << entry.fileName();
+                return false;
+            }
+        } else if (entry.isFile()) {
+            QFile::setPermissions(entry.filePath(),
+                                  QFile::ReadOther | QFile::WriteOther | QFile::ExeOther);
+            if (!directory.remove(entry.fileName())) {
+                krDebug(KrCommonUtils) << "rm file failed:" << entry.fileName();
+                return false;
+            }
+        } else if (!delDirectoryPri(entry.filePath())) {
+            krDebug(KrCommonUtils) << "rm dir failed:" << entry.filePath();
+            return false;
+        }
+    }
+    const QString name = directory.dirName();
+    directory.cdUp();
+    const bool removed = directory.rmdir(name);
+    if (!removed)
+        krDebug(KrCommonUtils) << "rmdir " << name << " failed!";
+    return removed;
+}
+
 } // namespace
 
 bool KrCommonUtils::isMatchFilterList(int, const QVariant &value,
@@ -636,4 +720,165 @@ KrCommonUtils::transformQVariantMapToQMap(const QList<QMap<QString, QVariant>> &
     return convertEach<QMap<QString, QVariant>, QMap<int, QVariant>>(
             maps,
             [](const QMap<QString, QVariant> &map) { return transformQVariantMapToQMap(map); });
+}
+
+int KrCommonUtils::praseAlgoParamJsonFile(const QString &fileName,
+                                          QList<QVariantMap> &initialBasicParams,
+                                          QList<QVariantMap> &initialParams,
+                                          QList<QVariantMap> &performParams,
+                                          QList<QVariantMap> &reportParams,
+                                          QList<QVariantMap> &logParams,
+                                          QVariantMap &monitorUiParams, QVariantMap &createUiParams)
+{
+    int code = 0;
+    const QVariantMap file = readParamFile(algoParamFolder + fileName, code);
+    if (code != 0)
+        return code;
+    appendRecords(file, "InitialBasicParam", initialBasicParams);
+    appendRecords(file, "InitialParamList", initialParams);
+    appendRecords(file, "PerformParam", performParams);
+    appendRecords(file, "ReportParam", reportParams);
+    appendRecords(file, "LogParam", logParams);
+    createUiParams = file.value(QStringLiteral("CreateUIParam")).toMap();
+    monitorUiParams = file.value(QStringLiteral("MonitorUIParam")).toMap();
+    return 0;
+}
+
+int KrCommonUtils::praseIndicatorParamJsonFile(const QString &fileName,
+                                               QList<QVariantMap> &initialBasicParams,
+                                               QList<QVariantMap> &initialParams,
+                                               QList<QVariantMap> &reportParams,
+                                               QVariantMap &createUiParams)
+{
+    int code = 0;
+    const QVariantMap file = readParamFile(indicatorParamFolder + fileName, code);
+    if (code != 0)
+        return code;
+    appendRecords(file, "InitialBasicParam", initialBasicParams);
+    appendRecords(file, "InitialParamList", initialParams);
+    appendRecords(file, "ReportParam", reportParams);
+    createUiParams = file.value(QStringLiteral("CreateUIParam")).toMap();
+    return 0;
+}
+
+bool KrCommonUtils::canCreateJsonDocu(QJsonDocument &doc, const QString &text)
+{
+    QJsonParseError error;
+    doc = QJsonDocument::fromJson(text.toUtf8(), &error);
+    return error.error == QJsonParseError::NoError;
+}
+
+QString KrCommonUtils::readAll(const QString &path)
+{
+    if (path.isEmpty())
+        return {};
+    QFile file(path);
+    // a larger file is no parameter file, and its text could exceed what a QString holds
+    if (!file.open(QIODevice::ReadOnly) || file.size() > MaxReadAllBytes)
+        return {};
+    return QString::fromUtf8(file.read(MaxReadAllBytes));
+}
+
+void KrCommonUtils::writeall(const QString &path, const QString &text)
+{
+    if (path.isEmpty())
+        return;
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Text))
+        return;
+    QTextStream stream(&file);
+    stream.setCodec("utf-8");
+    stream << text << "\r\n";
+    stream.flush();
+    file.close();
+}
+
+bool KrCommonUtils::DelDir(const QString &path)
+{
+    if (path.isEmpty())
+        return false;
+    QDir directory(path);
+    if (!directory.exists())
+        return true;
+    const QFileInfoList entries = directory.entryInfoList(QDir::NoDotAndDotDot | QDir::AllEntries);
+    for (const QFileInfo &entry : entries) {
+        QDir parent = entry.dir();
+        if (removedAsLink(entry, parent))
+            continue;
+        if (entry.isFile())
+            parent.remove(entry.fileName());
+        else
+            DelDir(entry.absoluteFilePath());
+    }
+    return directory.rmpath(directory.absolutePath());
+}
+
+bool KrCommonUtils::cleanDirectory(QString path)
+{
+    QDir directory(path);
+    if (!directory.exists())
+        return false;
+    const QFileInfoList entries = directory.entryInfoList(QDir::NoDotAndDotDot | QDir::AllEntries
+                                                          | QDir::Hidden | QDir::System);
+    for (const QFileInfo &entry : entries) {
+        if (entry.isFile() || entry.isSymLink()) {
+            if (!directory.remove(entry.fileName())) {
+                krDebug(KrCommonUtils)
+                        << "remove the file " << entry.absoluteFilePath() << " failed";
+                return false;
+            }
+        } else if (!delDirectoryPri(entry.filePath())) {
+            krDebug(KrCommonUtils) << "del the dir " << entry.filePath() << " failed";
+            return false;
+        }
+    }
+    return true;
+}
+
+bool KrCommonUtils::copyFileToPath(QString source, QString target, bool overwrite)
+{
+    target.replace(QLatin1Char('\\'), QLatin1Char('/'));
+    if (source == target)
+        return true;
+    if (!QFile::exists(source))
+        return false;
+    if (overwrite && QFile::exists(target))
+        QFile::remove(target);
+    return QFile::copy(source, target);
+}
+
+bool KrCommonUtils::isFileExist(const QString &path)
+{
+    QFile file(path);
+    // QFile opens a directory for reading on Unix; it is no file all the same
+    if (QFileInfo(path).isDir() || !file.open(QIODevice::ReadOnly))
+        return false;
+    file.close();
+    return true;
+}
+
+QPixmap KrCommonUtils::screenShot(QWidget *widget)
+{
+    if (!widget) {
+        QScreen *screen = QGuiApplication::primaryScreen();
+        return screen ? screen->grabWindow(0) : QPixmap();
+    }
+    QScreen *screen = widget->screen();
+    if (!screen)
+        return QPixmap();
+    return screen->grabWindow(widget->winId(), -2, -26, widget->width() + 4, widget->height() + 30);
+}
+
+QString KrCommonUtils::getMyTipString(const QString &text)
+{
+    if (text.size() <= 100)
+        return text;
+    QString wrapped;
+    wrapped.reserve(text.size() + text.size() / 100);
+    for (int i = 0; i < text.size(); ++i) {
+        wrapped.append(text.at(i));
+        if (i != 0 && i % 100 == 0)
+            wrapped.append(QLatin1Char('\n'));
+    }
+    return wrapped;
 }

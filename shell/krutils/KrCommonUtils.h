@@ -3,6 +3,10 @@
 
 #include <krutils/krutils_export.h>
 
+class QJsonDocument;
+class QPixmap;
+class QWidget;
+
 #include <QList>
 #include <QMap>
 #include <QPair>
@@ -121,6 +125,67 @@ public:
     static QMap<int, QVariant> transformQVariantMapToQMap(const QMap<QString, QVariant> &map);
     static QList<QMap<int, QVariant>>
     transformQVariantMapToQMap(const QList<QMap<QString, QVariant>> &maps);
+
+    // --- Parameter files ---------------------------------------------------------------------
+    //
+    // Plug-ins describe their parameters in JSON files, relative to the current directory (the
+    // client's installation folder). The parsers return 0 when parsed, -1 when the file gives no
+    // text (missing, unreadable, empty, or too large to be a parameter file) and -2 when the
+    // text is not JSON; on -1 and -2 no output is touched. The lists are appended to, never
+    // cleared; the maps are replaced. Missing members or members of another shape give empty
+    // lists or maps; an array element that is not an object gives an empty record.
+
+    // Reads "res/plugindata/algo/" + fileName: "InitialBasicParam", "InitialParamList",
+    // "PerformParam", "ReportParam" and "LogParam" into the lists, and, crosswise,
+    // "MonitorUIParam" into monitorUiParams and "CreateUIParam" into createUiParams.
+    static int
+    praseAlgoParamJsonFile(const QString &fileName, QList<QVariantMap> &initialBasicParams,
+                           QList<QVariantMap> &initialParams, QList<QVariantMap> &performParams,
+                           QList<QVariantMap> &reportParams, QList<QVariantMap> &logParams,
+                           QVariantMap &monitorUiParams, QVariantMap &createUiParams);
+    // Reads "res/plugindata/Indicatoration/" + fileName: "InitialBasicParam",
+    // "InitialParamList", "ReportParam" and "CreateUIParam".
+    static int praseIndicatorParamJsonFile(const QString &fileName,
+                                           QList<QVariantMap> &initialBasicParams,
+                                           QList<QVariantMap> &initialParams,
+                                           QList<QVariantMap> &reportParams,
+                                           QVariantMap &createUiParams);
+
+    // doc = the JSON document of text; whether it parsed without error.
+    static bool canCreateJsonDocu(QJsonDocument &doc, const QString &text);
+    // The whole file as UTF-8 text; empty for an empty path, a file that cannot be opened, or a
+    // file larger than MaxReadAllBytes.
+    static QString readAll(const QString &path);
+    // Replaces the file's content with text and "\r\n" in UTF-8; does nothing for an empty path
+    // or a file that cannot be opened.
+    static void writeall(const QString &path, const QString &text);
+
+    static constexpr qint64 MaxReadAllBytes = 256 * 1024 * 1024;
+
+    // --- Files and directories ---------------------------------------------------------------
+    //
+    // The deletes never leave the tree they are given: a symbolic link inside it (to a file, a
+    // directory, even an ancestor) is removed as a link, never followed.
+
+    // Deletes a directory tree (hidden entries are not listed, so a tree holding them stays),
+    // then the directory and its parents as far as they are empty (QDir::rmpath). False for an
+    // empty path; true for a directory that does not exist.
+    static bool DelDir(const QString &path);
+    // Deletes everything inside a directory, hidden entries and read-only files included; the
+    // directory stays. False for a missing directory or at the first entry that cannot be
+    // deleted (logged at debug level; what was deleted stays deleted).
+    static bool cleanDirectory(QString path);
+    // Copies a file; true without copying when target (with "\\" read as "/") equals source.
+    // Replaces an existing target only with overwrite; creates no directory.
+    static bool copyFileToPath(QString source, QString target, bool overwrite);
+    // Whether the file can be opened for reading (false for a directory).
+    static bool isFileExist(const QString &path);
+    // A picture of the widget with its window frame (2 pixels left and right, 26 above, 4
+    // below), or of the whole desktop for a null widget. Needs a QGuiApplication.
+    static QPixmap screenShot(QWidget *widget);
+    // Long tooltip text with a line feed after the character at each non-zero index that is a
+    // multiple of 100 (first line 101 characters, then 100); text of up to 100 characters as is.
+    static QString getMyTipString(const QString &text);
 };
 
 #endif // KRCOMMONUTILS_H
