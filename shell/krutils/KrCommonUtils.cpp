@@ -465,8 +465,8 @@ public:
     {
         if (!m_hashed)
             return m_list.contains(element);
-        for (auto it = m_hashes.constFind(hashOf(element));
-             it != m_hashes.cend() && it.key() == hashOf(element); ++it) {
+        const uint hash = hashOf(element);
+        for (auto it = m_hashes.constFind(hash); it != m_hashes.cend() && it.key() == hash; ++it) {
             if (**it == element)
                 return true;
         }
@@ -534,15 +534,6 @@ void appendRecords(const QVariantMap &file, const char *member, QList<QVariantMa
 
 // --- Files and directories -------------------------------------------------------------------
 
-// Removes a directory entry that is a symbolic link, as the link; false for any other entry.
-bool removedAsLink(const QFileInfo &entry, QDir &directory)
-{
-    if (!entry.isSymLink())
-        return false;
-    directory.remove(entry.fileName());
-    return true;
-}
-
 // Deletes a directory tree, hidden and read-only entries included; false at the first failure.
 bool delDirectoryPri(const QString &path)
 {
@@ -552,14 +543,11 @@ bool delDirectoryPri(const QString &path)
     const QFileInfoList entries = directory.entryInfoList(QDir::NoDotAndDotDot | QDir::AllEntries
                                                           | QDir::Hidden | QDir::System);
     for (const QFileInfo &entry : entries) {
-        if (entry.isSymLink()) {
-            if (!directory.remove(entry.fileName())) {
-                krDebug(KrCommonUtils) << "rm file failed:" << entry.fileName();
-                return false;
-            }
-        } else if (entry.isFile()) {
-            QFile::setPermissions(entry.filePath(),
-                                  QFile::ReadOther | QFile::WriteOther | QFile::ExeOther);
+        // a link is removed as the link: neither followed nor its target's permissions touched
+        if (entry.isFile() || entry.isSymLink()) {
+            if (!entry.isSymLink())
+                QFile::setPermissions(entry.filePath(),
+                                      QFile::ReadOther | QFile::WriteOther | QFile::ExeOther);
             if (!directory.remove(entry.fileName())) {
                 krDebug(KrCommonUtils) << "rm file failed:" << entry.fileName();
                 return false;
@@ -802,11 +790,8 @@ bool KrCommonUtils::DelDir(const QString &path)
         return true;
     const QFileInfoList entries = directory.entryInfoList(QDir::NoDotAndDotDot | QDir::AllEntries);
     for (const QFileInfo &entry : entries) {
-        QDir parent = entry.dir();
-        if (removedAsLink(entry, parent))
-            continue;
-        if (entry.isFile())
-            parent.remove(entry.fileName());
+        if (entry.isFile() || entry.isSymLink()) // a link is removed, never followed
+            entry.dir().remove(entry.fileName());
         else
             DelDir(entry.absoluteFilePath());
     }
