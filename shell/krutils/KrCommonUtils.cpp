@@ -93,36 +93,36 @@ struct ColumnFilter
     quint32 rejected = 0;
 };
 
+// The enumerator whose operator text the condition holds under `key`, else `otherwise`.
+template<typename Enum, size_t N>
+Enum operatorOf(const QVariantMap &condition, const QString &key,
+                const std::pair<const QString *, Enum> (&operators)[N], Enum otherwise)
+{
+    const QString text = condition.value(key).toString();
+    for (const auto &[operatorText, value] : operators) {
+        if (text == *operatorText)
+            return value;
+    }
+    return otherwise;
+}
+
 Comparison comparisonOf(const QVariantMap &condition)
 {
     using namespace Orvex_Values::CompareOperator;
-    const QString text = condition.value(Orvex_Fields::Infomation::compareOperator).toString();
-    if (text == greater)
-        return Comparison::Greater;
-    if (text == greaterOrEqual)
-        return Comparison::GreaterOrEqual;
-    if (text == equal)
-        return Comparison::Equal;
-    if (text == noEqual)
-        return Comparison::NoEqual;
-    if (text == less)
-        return Comparison::Less;
-    if (text == lessOrEqual)
-        return Comparison::LessOrEqual;
-    return Comparison::Never;
+    static const std::pair<const QString *, Comparison> comparisons[]
+            = {{&greater, Comparison::Greater}, {&greaterOrEqual, Comparison::GreaterOrEqual},
+               {&equal, Comparison::Equal},     {&noEqual, Comparison::NoEqual},
+               {&less, Comparison::Less},       {&lessOrEqual, Comparison::LessOrEqual}};
+    return operatorOf(condition, Orvex_Fields::Infomation::compareOperator, comparisons,
+                      Comparison::Never);
 }
 
 Join joinOf(const QVariantMap &condition)
 {
     using namespace Orvex_Values::LogicOperator;
-    const QString text = condition.value(Orvex_Fields::Infomation::logicOperator).toString();
-    if (text == andOperator)
-        return Join::And;
-    if (text == orOperator)
-        return Join::Or;
-    if (text == notOperator)
-        return Join::AndNot;
-    return Join::Skip;
+    static const std::pair<const QString *, Join> joins[]
+            = {{&andOperator, Join::And}, {&orOperator, Join::Or}, {&notOperator, Join::AndNot}};
+    return operatorOf(condition, Orvex_Fields::Infomation::logicOperator, joins, Join::Skip);
 }
 
 std::vector<Group> compileFilterList(const QList<QList<QVariantMap>> &filterList)
