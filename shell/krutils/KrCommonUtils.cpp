@@ -19,6 +19,7 @@
 
 #include <algorithm>
 #include <array>
+#include <numeric>
 #include <string_view>
 #include <unordered_set>
 #include <vector>
@@ -286,9 +287,8 @@ struct SortValue
 
 struct Bucket
 {
-    int first;
-    int last;
-    int size;
+    int first = -1; // -1 while the bucket is new
+    int last = -1;
 };
 
 class BucketSort
@@ -302,9 +302,8 @@ public:
 
     std::vector<int> sorted(int rowCount)
     {
-        std::vector<int> rows(size_t(rowCount), 0);
-        for (int row = 0; row < rowCount; ++row)
-            rows[size_t(row)] = row;
+        std::vector<int> rows(static_cast<size_t>(rowCount));
+        std::iota(rows.begin(), rows.end(), 0);
         m_next.assign(size_t(rowCount), -1);
         std::vector<int> result;
         result.reserve(size_t(rowCount));
@@ -322,14 +321,13 @@ private:
         const std::vector<const QVariant *> &values = m_values[key];
         QMap<SortValue, Bucket> buckets;
         for (int row : rows) {
-            auto it = buckets.find(SortValue {values[size_t(row)]});
-            if (it == buckets.end()) {
-                buckets.insert(SortValue {values[size_t(row)]}, Bucket {row, row, 1});
-            } else {
-                m_next[size_t(it->last)] = row;
-                it->last = row;
-                ++it->size;
-            }
+            // operator[] looks up, then inserts, exactly as the rule's QMap<QVariant> reading does
+            Bucket &bucket = buckets[SortValue {values[size_t(row)]}];
+            if (bucket.first < 0)
+                bucket.first = row;
+            else
+                m_next[size_t(bucket.last)] = row;
+            bucket.last = row;
         }
         std::vector<Bucket> ordered(buckets.cbegin(), buckets.cend());
         if (m_descending[key])
@@ -337,8 +335,9 @@ private:
         std::vector<int> bucketRows;
         for (const Bucket &bucket : ordered) {
             bucketRows.clear();
-            for (int row = bucket.first, n = 0; n < bucket.size; row = m_next[size_t(row)], ++n)
+            for (int row = bucket.first; row != bucket.last; row = m_next[size_t(row)])
                 bucketRows.push_back(row);
+            bucketRows.push_back(bucket.last);
             sortInto(bucketRows, key + 1, out);
         }
     }
