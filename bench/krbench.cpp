@@ -13,6 +13,8 @@
 #include <krutils/KrMutexLocker.h>
 #include <krutils/KrMutexManager.h>
 
+#include "KrBenchSupport.h"
+
 #include <benchmark/benchmark.h>
 
 #include <QCoreApplication>
@@ -59,22 +61,6 @@ void krFunctionGuardLifetime(benchmark::State &state)
         benchmark::DoNotOptimize(&guard);
     }
 }
-
-// Keeps every run's real time per iteration, so the ratios can be printed at the end.
-class RatioReporter : public benchmark::ConsoleReporter
-{
-public:
-    void ReportRuns(const std::vector<Run> &runs) override
-    {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run &run : runs) {
-            if (run.run_type == Run::RT_Iteration && !run.error_occurred)
-                nanoseconds[run.benchmark_name()] = run.GetAdjustedRealTime();
-        }
-    }
-
-    std::map<std::string, double> nanoseconds;
-};
 
 void registerPhase(const char *phase, bool withGuard)
 {

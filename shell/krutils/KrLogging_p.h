@@ -25,7 +25,21 @@ namespace KrLogging {
 // print them, so log lines read the same on every platform.
 KRUTILS_EXPORT QByteArray
 qualifiedFunctionName(const char *prettyFunction); // exported for the tests
+
+// Switches the rest of a log line to QDebug's standard quoting, for values whose text should
+// stand out (an empty string shows as ""):
+//
+//     krInfo(KrShortcutMgr) << KrLogging::quoted << obj << alterType;
+struct QuoteValues
+{
+};
+constexpr QuoteValues quoted {};
 } // namespace KrLogging
+
+inline QDebug &operator<<(QDebug &debug, KrLogging::QuoteValues)
+{
+    return debug.quote();
+}
 
 #define KR_LOG_IMPL(isEnabled, level, className)                                                   \
     for (bool krLogOn = lcKrutils().isEnabled(); krLogOn; krLogOn = false)                         \
