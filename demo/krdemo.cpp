@@ -2,6 +2,7 @@
 // data and tells what to look for in the log lines it prints.
 
 #include <krdefine/krdefine.h>
+#include <krutils/CKrUUID.h>
 #include <krutils/KrCommonUtils.h>
 #include <krutils/KrFunctionGuard.h>
 #include <krutils/KrFunctionGuardManager.h>
@@ -10,17 +11,24 @@
 #include <krutils/KrMutexManager.h>
 #include <krutils/KrObject.h>
 #include <krutils/KrReadLocker.h>
+#include <krutils/KrShortcutMgr.h>
+#include <krutils/KrThread.h>
+#include <krutils/KrTokenBucket.h>
 #include <krutils/KrWriteLocker.h>
 
-#include <QCoreApplication>
+#include <QApplication>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QEventLoop>
+#include <QKeyEvent>
+#include <QLineEdit>
 #include <QMap>
 #include <QMutex>
 #include <QPointer>
 #include <QReadWriteLock>
 #include <QThread>
 #include <QTimer>
+#include <QWidget>
 
 #include <cstdio>
 #include <memory>
@@ -357,11 +365,208 @@ void tourParameterFile()
         QString::number(missing));
 }
 
+// Order requests of three trading desks, sent through one shared token bucket.
+struct OrderRequest
+{
+    QString desk;
+    int number;
+};
+
+void tourTokenBucket()
+{
+    section("6. Token bucket (KrTokenBucket)",
+            "Three desks send 4 orders each at once through one bucket of 5 tokens that gets 3 "
+            "tokens back\nper second. Orders without a token wait for signalTokenCountRenew and "
+            "retry.");
+    auto *throttleThread = new KrThread;
+    throttleThread->setObjectName(QStringLiteral("OrderThrottle"));
+    auto *bucket = new KrTokenBucket(5, 3);
+    bucket->moveToThread(throttleThread);
+    throttleThread->start();
+
+    QMutex waitingMutex;
+    QList<OrderRequest> waiting;
+    auto send = [&](const OrderRequest &order, const char *when) {
+        const bool granted = bucket->consumeTokens(1) == 1;
+        say("    %s\n",
+            QStringLiteral("%1 order %2 %3: %4")
+                    .arg(order.desk)
+                    .arg(order.number)
+                    .arg(QLatin1String(when),
+                         granted ? QStringLiteral("sent") : QStringLiteral("no token, waits")));
+        return granted;
+    };
+
+    // The burst: each desk sends from its own thread.
+    std::vector<std::thread> desks;
+    for (const QString &desk :
+         {QStringLiteral("desk-A"), QStringLiteral("desk-B"), QStringLiteral("desk-C")}) {
+        desks.emplace_back([&, desk] {
+            for (int number = 1; number <= 4; ++number) {
+                const OrderRequest order {desk, number};
+                if (!send(order, "at once")) {
+                    QMutexLocker locker(&waitingMutex);
+                    waiting.append(order);
+                }
+            }
+        });
+    }
+    for (std::thread &desk : desks)
+        desk.join();
+
+    QEventLoop loop;
+    QElapsedTimer clock;
+    clock.start();
+    QObject::connect(bucket, &KrTokenBucket::signalTokenCountRenew, &loop, [&] {
+        say("  after %s s: tokens came back\n", QString::number(clock.elapsed() / 1000.0, 'f', 1));
+        QMutexLocker locker(&waitingMutex);
+        while (!waiting.isEmpty() && send(waiting.first(), "retried"))
+            waiting.removeFirst();
+        if (waiting.isEmpty())
+            loop.quit();
+    });
+    say("  %s orders wait for tokens.\n", QString::number(waiting.size()));
+    loop.exec();
+    say("  All 12 orders sent after %s s: 5 at once, then 3 per second.\n",
+        QString::number(clock.elapsed() / 1000.0, 'f', 1));
+
+    QMetaObject::invokeMethod(bucket, &QObject::deleteLater);
+    QObject::connect(throttleThread, &QThread::finished, throttleThread, &QObject::deleteLater);
+    throttleThread->quit();
+    throttleThread->wait();
+}
+
+void tourIds()
+{
+    section("7. Order ids (CKrUUID)",
+            "After login the client sets the user's name; every id carries it.");
+    CKrUUID *ids = CKrUUID::GetInstance();
+    say("  before login:  %s\n", ids->GetUuid());
+    ids->setLoginName(QStringLiteral("trader01"));
+    for (int i = 0; i < 3; ++i)
+        say("  order id:      %s\n", ids->GetUuid());
+    constexpr int count = 200000;
+    QElapsedTimer clock;
+    clock.start();
+    for (int i = 0; i < count; ++i)
+        ids->GetUuid();
+    say("  %s\n",
+        QStringLiteral("%1 ids in %2 ms on one thread")
+                .arg(count)
+                .arg(clock.nsecsElapsed() / 1e6, 0, 'f', 0));
+}
+
+// Notes which key presses reach a widget past the filters installed after it.
+class KeyWitness : public QObject
+{
+public:
+    QList<int> pressesSeen;
+
+protected:
+    bool eventFilter(QObject *, QEvent *event) override
+    {
+        if (event->type() == QEvent::KeyPress)
+            pressesSeen << static_cast<QKeyEvent *>(event)->key();
+        return false;
+    }
+};
+
+// What a keyboard sends for one key with modifiers: the modifier presses, the key, the
+// releases in reverse order.
+void typeKey(QWidget *target, Qt::Key key, Qt::KeyboardModifiers modifiers, const QString &text)
+{
+    const QList<QPair<Qt::KeyboardModifier, Qt::Key>> modifierKeys {
+            {Qt::ShiftModifier, Qt::Key_Shift},
+            {Qt::ControlModifier, Qt::Key_Control},
+            {Qt::AltModifier, Qt::Key_Alt},
+            {Qt::MetaModifier, Qt::Key_Meta}};
+    auto send = [target](QEvent::Type type, Qt::Key sent, Qt::KeyboardModifiers held,
+                         const QString &text) {
+        QKeyEvent event(type, sent, held, text);
+        QCoreApplication::sendEvent(target, &event);
+    };
+    for (const auto &modifier : modifierKeys) {
+        if (modifiers & modifier.first)
+            send(QEvent::KeyPress, modifier.second, modifiers, QString());
+    }
+    send(QEvent::KeyPress, key, modifiers, text);
+    send(QEvent::KeyRelease, key, modifiers, text);
+    for (auto modifier = modifierKeys.crbegin(); modifier != modifierKeys.crend(); ++modifier) {
+        if (modifiers & modifier->first)
+            send(QEvent::KeyRelease, modifier->second, modifiers, QString());
+    }
+}
+
+void tourShortcuts()
+{
+    section("8. Shortcuts (KrShortcutMgr)",
+            "An order page registers itself and its edit field, then declares F2 (buy), Ctrl+S "
+            "(sell) and the\ntwo-key Ctrl+K, Ctrl+C (cancel all). Keys typed into the edit "
+            "field fire the page's shortcuts;\nannouncements arrive from "
+            "\"ShortcutSenderThread\" after the key event has returned.");
+    QWidget page;
+    page.setObjectName(QStringLiteral("orderPage"));
+    auto *edit = new QLineEdit(&page);
+    KeyWitness witness; // installed first, so it runs after the manager's filter
+    edit->installEventFilter(&witness);
+    KrShortcutMgr *shortcuts = KrShortcutMgr::instance();
+    shortcuts->RegisterObject(&page, {edit}, QStringLiteral("orders#1"), QStringLiteral("trade"));
+    const QString &create = Orvex_Values::AlterType::create;
+    shortcuts->AlterShortcutInfo(&page, create, QKeySequence(Qt::Key_F2), 1,
+                                 {{QStringLiteral("action"), QStringLiteral("buy")}});
+    shortcuts->AlterShortcutInfo(&page, create, QKeySequence(Qt::CTRL + Qt::Key_S), 2,
+                                 {{QStringLiteral("action"), QStringLiteral("sell")}});
+    shortcuts->AlterShortcutInfo(&page, create,
+                                 QKeySequence(Qt::CTRL + Qt::Key_K, Qt::CTRL + Qt::Key_C), 3,
+                                 {{QStringLiteral("action"), QStringLiteral("cancel all")}});
+    say("  Declaring F2 a second time is refused:\n");
+    shortcuts->AlterShortcutInfo(&page, create, QKeySequence(Qt::Key_F2), 9, {});
+
+    QEventLoop loop;
+    QObject::connect(shortcuts, &KrShortcutMgr::signalShortcutTriggered, &loop,
+                     [](QObject *obj, int id, const QVariantMap &infoMap,
+                        const QString &pluginInstId, const QString &menuId) {
+                         say("    %s\n",
+                             QStringLiteral("fired: id %1 \"%2\" on %3 (%4 / %5), received on "
+                                            "thread \"%6\"")
+                                     .arg(id)
+                                     .arg(infoMap.value(QStringLiteral("action")).toString(),
+                                          obj->objectName(), pluginInstId, menuId,
+                                          QThread::currentThread()->objectName()));
+                     });
+    auto type = [&](const char *what, Qt::Key key, Qt::KeyboardModifiers modifiers,
+                    const QString &text = QString()) {
+        witness.pressesSeen.clear();
+        typeKey(edit, key, modifiers, text);
+        say("  typed %s\n",
+            QStringLiteral("%1: %2").arg(
+                    QLatin1String(what),
+                    witness.pressesSeen.contains(key)
+                            ? QStringLiteral("the key reached the edit field")
+                            : QStringLiteral("the key was taken by the manager")));
+        pumpEvents(50);
+    };
+    type("F2", Qt::Key_F2, Qt::NoModifier);
+    type("Shift+F2 (Shift is ignored)", Qt::Key_F2, Qt::ShiftModifier);
+    type("Ctrl+S", Qt::Key_S, Qt::ControlModifier);
+    type("Ctrl+K (the first of two keys)", Qt::Key_K, Qt::ControlModifier);
+    type("Ctrl+C within the second", Qt::Key_C, Qt::ControlModifier);
+    type("the letter x", Qt::Key_X, Qt::NoModifier, QStringLiteral("x"));
+    type("Ctrl+C alone (copy, no shortcut)", Qt::Key_C, Qt::ControlModifier);
+    say("  The edit field now reads \"%s\".\n", edit->text());
+    shortcuts->UnregisterObject(&page);
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
-    QCoreApplication app(argc, argv);
+    // The shortcut section needs widgets; on a machine without a display they are drawn
+    // nowhere.
+    if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")
+        && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    QApplication app(argc, argv);
     qInstallMessageHandler(printLogLine);
     QThread::currentThread()->setObjectName(QStringLiteral("main"));
 
@@ -373,6 +578,9 @@ int main(int argc, char **argv)
     tourFunctionGuard();
     tourRecordFilter();
     tourParameterFile();
+    tourTokenBucket();
+    tourIds();
+    tourShortcuts();
     say("\nDone. The monitors stop with the process.\n");
     return 0;
 }
