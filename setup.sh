@@ -41,6 +41,7 @@ case "$action" in
     build) ;;
     demo) exec "build/$preset/demo/krdemo" ;;
     test) exec ctest --preset "$preset" ;;
-    bench) "build/$preset/bench/krbench" && exec "build/$preset/bench/krbench_records" ;;
+    bench) "build/$preset/bench/krbench" && "build/$preset/bench/krbench_records" \
+               && exec "build/$preset/bench/krbench_interaction" ;;
     *) echo "usage: $0 [build|demo|test|bench]" >&2; exit 2 ;;
 esac
