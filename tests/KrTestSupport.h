@@ -18,6 +18,7 @@ struct CapturedMessage
     QtMsgType type;
     QString text;
     QString file;
+    int line;
     QString function;
     QString category;
 };
@@ -69,7 +70,10 @@ private:
         MessageCapture *self = s_active;
         if (!self)
             return;
-        CapturedMessage message {type, text, QString::fromUtf8(context.file),
+        CapturedMessage message {type,
+                                 text,
+                                 QString::fromUtf8(context.file),
+                                 context.line,
                                  QString::fromUtf8(context.function),
                                  QString::fromUtf8(context.category)};
         if (self->onMessage)

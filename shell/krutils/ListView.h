@@ -1,0 +1,24 @@
+#ifndef UTILS_LISTVIEW_H
+#define UTILS_LISTVIEW_H
+
+#include <krutils/View.h>
+#include <krutils/krutils_export.h>
+
+#include <QListView>
+
+namespace Utils {
+
+// A QListView that activates its current item on Return or Enter and keeps an activation mode
+// (see Utils::View).
+class KRUTILS_EXPORT ListView : public View<QListView>
+{
+    Q_OBJECT
+
+public:
+    explicit ListView(QWidget *parent = nullptr);
+    ~ListView() override;
+};
+
+} // namespace Utils
+
+#endif // UTILS_LISTVIEW_H

@@ -1,0 +1,7 @@
+#include "ListWidget.h"
+
+Utils::ListWidget::ListWidget(QWidget *parent) : View<QListWidget>(parent)
+{
+}
+
+Utils::ListWidget::~ListWidget() = default;

@@ -1,0 +1,7 @@
+#include "TreeView.h"
+
+Utils::TreeView::TreeView(QWidget *parent) : View<QTreeView>(parent)
+{
+}
+
+Utils::TreeView::~TreeView() = default;

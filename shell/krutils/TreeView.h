@@ -1,0 +1,24 @@
+#ifndef UTILS_TREEVIEW_H
+#define UTILS_TREEVIEW_H
+
+#include <krutils/View.h>
+#include <krutils/krutils_export.h>
+
+#include <QTreeView>
+
+namespace Utils {
+
+// A QTreeView that activates its current item on Return or Enter and keeps an activation mode
+// (see Utils::View).
+class KRUTILS_EXPORT TreeView : public View<QTreeView>
+{
+    Q_OBJECT
+
+public:
+    explicit TreeView(QWidget *parent = nullptr);
+    ~TreeView() override;
+};
+
+} // namespace Utils
+
+#endif // UTILS_TREEVIEW_H

@@ -1,0 +1,24 @@
+#ifndef UTILS_TREEWIDGET_H
+#define UTILS_TREEWIDGET_H
+
+#include <krutils/View.h>
+#include <krutils/krutils_export.h>
+
+#include <QTreeWidget>
+
+namespace Utils {
+
+// A QTreeWidget that activates its current item on Return or Enter and keeps an activation mode
+// (see Utils::View).
+class KRUTILS_EXPORT TreeWidget : public View<QTreeWidget>
+{
+    Q_OBJECT
+
+public:
+    explicit TreeWidget(QWidget *parent = nullptr);
+    ~TreeWidget() override;
+};
+
+} // namespace Utils
+
+#endif // UTILS_TREEWIDGET_H
