@@ -3,6 +3,8 @@
 
 #include <krutils/krutils_export.h>
 
+#include <QtGlobal>
+
 namespace Utils {
 
 // The one reporting point for broken contracts in the Utils classes: logs
