@@ -113,15 +113,22 @@ inline void stopOwnTimers(QObject *object)
     });
 }
 
-// Delivers `count` timer events to the object on its own thread.
-inline void sendTicks(QObject *object, int count)
+// Delivers `count` events of the given timer to the object on its own thread, as its event
+// loop would.
+inline void sendTimerEvents(QObject *object, int timerId, int count = 1)
 {
-    runOnThreadOf(object, [object, count] {
+    runOnThreadOf(object, [object, timerId, count] {
         for (int i = 0; i < count; ++i) {
-            QTimerEvent tick(0);
+            QTimerEvent tick(timerId);
             QCoreApplication::sendEvent(object, &tick);
         }
     });
+}
+
+// Delivers `count` ticks to a monitor, whose timer events do not look at the timer id.
+inline void sendTicks(QObject *object, int count)
+{
+    sendTimerEvents(object, 0, count);
 }
 
 #endif // KRTESTSUPPORT_H

@@ -250,10 +250,8 @@ QList<int> tst_KrShortcutMgr::managerTimers() const
 
 void tst_KrShortcutMgr::timeOut()
 {
-    for (int id : managerTimers()) {
-        QTimerEvent tick(id);
-        QCoreApplication::sendEvent(manager(), &tick);
-    }
+    for (int id : managerTimers())
+        sendTimerEvents(manager(), id);
 }
 
 void tst_KrShortcutMgr::flushAnnouncements()

@@ -23,10 +23,7 @@ void tick(KrTokenBucket *bucket)
     int timerId = -1;
     runOnThreadOf(bucket, [&] { timerId = timer->isActive() ? timer->timerId() : -1; });
     QVERIFY2(timerId > 0, "the refill timer is not running");
-    runOnThreadOf(bucket, [&] {
-        QTimerEvent event(timerId);
-        QCoreApplication::sendEvent(timer, &event);
-    });
+    sendTimerEvents(timer, timerId);
 }
 
 bool refillRunning(KrTokenBucket *bucket)
