@@ -17,6 +17,7 @@ packages=(
     cmake ninja-build g++ pkg-config   # build
     qtbase5-dev                        # Qt Core, Gui, Widgets (and Qt Test for the tests)
     liblz4-dev                         # LZ4, part of the library's interface
+    libminizip-dev libxlsxwriter-dev   # the workbook layer (.xlsx reading and writing)
     libbenchmark-dev                   # bench/
 )
 

@@ -1,0 +1,1 @@
+#include "KrXlsxReader_p.h"

@@ -1,0 +1,1 @@
+#include "KrXlsxWriter_p.h"
