@@ -19,6 +19,8 @@ packages=(
     liblz4-dev                         # LZ4, part of the library's interface
     libminizip-dev libxlsxwriter-dev   # the workbook layer (.xlsx reading and writing)
     libbenchmark-dev                   # bench/
+    python3-openpyxl                   # tests: openpyxl reads back the workbooks written
+    clang-14 libfuzzer-14-dev          # fuzz/: the workbook reader's fuzzer
 )
 
 missing=()
