@@ -45,6 +45,7 @@ case "$action" in
     demo) exec "build/$preset/demo/krdemo" ;;
     test) exec ctest --preset "$preset" ;;
     bench) "build/$preset/bench/krbench" && "build/$preset/bench/krbench_records" \
-               && exec "build/$preset/bench/krbench_interaction" ;;
+               && "build/$preset/bench/krbench_interaction" \
+               && exec "build/$preset/bench/krbench_treemodel" ;;
     *) echo "usage: $0 [build|demo|test|bench]" >&2; exit 2 ;;
 esac

@@ -1,0 +1,287 @@
+#ifndef UTILS_TREEMODEL_H
+#define UTILS_TREEMODEL_H
+
+#include <krutils/UAssert.h>
+#include <krutils/krutils_export.h>
+
+#include <QAbstractItemModel>
+#include <QStringList>
+#include <QVector>
+
+#include <functional>
+#include <iterator>
+
+namespace Utils {
+
+class TreeItem;
+class TreeModel;
+
+// Walks a subtree in pre-order. For every item, preVisit() decides whether the item and its
+// subtree are visited; postVisit() runs in any case, after the subtree. During visit(), level()
+// counts the items from the start of the walk down to the visited one: 1 for the start item.
+class KRUTILS_EXPORT TreeItemVisitor
+{
+public:
+    TreeItemVisitor() = default;
+    TreeItemVisitor(const TreeItemVisitor &) = default;
+    TreeItemVisitor &operator=(const TreeItemVisitor &) = default;
+    virtual ~TreeItemVisitor();
+
+    virtual bool preVisit(TreeItem *item);
+    virtual void visit(TreeItem *item);
+    virtual void postVisit(TreeItem *item);
+
+    int level() const { return m_level; }
+
+private:
+    friend class TreeItem;
+    int m_level = 0;
+};
+
+// A node of a TreeModel. It owns its children and deletes them with itself; delete an item only
+// through its parent, or after TreeModel::removeItem() has taken it out.
+//
+// Subclasses supply per-column data, flags and editing. A lazy item (setLazy(true)) creates its
+// children in populate(), which runs once, on the first rowCount() or child() call; insertions
+// into a lazy item emit no model signals, so populate() may simply call appendChild().
+// Contract violations are reported through Utils::writeAssertLocation() and give a neutral
+// result (a null item, an invalid index, no change).
+class KRUTILS_EXPORT TreeItem
+{
+public:
+    TreeItem();
+    explicit TreeItem(const QStringList &displays,
+                      int flags = Qt::ItemIsSelectable | Qt::ItemIsEnabled);
+    virtual ~TreeItem();
+
+    virtual TreeItem *parent() const;
+    virtual TreeItem *child(int pos) const;
+    virtual bool isLazy() const;
+    virtual int rowCount() const;
+    virtual void populate();
+
+    // The display text of `column` for Qt::DisplayRole; an invalid QVariant otherwise.
+    virtual QVariant data(int column, int role) const;
+    virtual bool setData(int column, const QVariant &data, int role);
+    virtual Qt::ItemFlags flags(int column) const;
+
+    virtual bool hasChildren() const;
+    virtual bool canFetchMore() const;
+    virtual void fetchMore();
+
+    void appendChild(TreeItem *item);
+    void prependChild(TreeItem *item);
+    void insertChild(int pos, TreeItem *item);
+    void removeChildren();
+    // Deletes all children without telling the model: for items that no view shows yet.
+    void clear();
+    // Sorts the children with an unstable sort; views are told through a layout change.
+    void sortChildren(const std::function<bool(const TreeItem *, const TreeItem *)> &lessThan);
+
+    // Tell the views that the item's row, or one of its cells, changed.
+    void update();
+    void updateColumn(int column);
+    // Asks the views to expand the item (TreeModel::requestExpansion).
+    void expand();
+
+    // Pre-order walks of the subtree; both use the children as they are, without populating
+    // lazy items.
+    void walkTree(TreeItemVisitor *visitor);
+    void walkTree(std::function<void(TreeItem *)> f);
+
+    // The number of ancestors: 0 for a root, 1 for its children.
+    int level() const;
+    QModelIndex index() const;
+
+    // The children as they are, without populating a lazy item.
+    TreeItem *firstChild() const;
+    TreeItem *lastChild() const;
+    QVector<TreeItem *> children() const;
+
+    TreeModel *model() const { return m_model; }
+    // Attaches the item and its subtree to `model`, whichever model they belonged to before.
+    void setModel(TreeModel *model);
+
+    void setFlags(Qt::ItemFlags flags);
+    void setLazy(bool on);
+    // Runs populate() on the first call when the item is lazy; does nothing afterwards.
+    void ensurePopulated() const;
+
+private:
+    Q_DISABLE_COPY(TreeItem)
+    friend class TreeModel;
+
+    void propagateModel(TreeModel *model);
+
+    TreeItem *m_parent = nullptr;
+    TreeModel *m_model = nullptr;
+    QVector<TreeItem *> m_children;
+    QStringList *m_displays = nullptr;
+    bool m_lazy = false;
+    mutable bool m_populated = false;
+    Qt::ItemFlags m_flags = Qt::ItemIsSelectable | Qt::ItemIsEnabled;
+};
+
+// All items at one depth below a start item, in pre-order from left to right: level 1 is the
+// start item's children, level 2 their children, and so on up to level 11. Branches that end
+// above the level contribute nothing; lazy items on the way are populated.
+//
+//     for (Utils::TreeItem *position : model.untypedLevelItems(3))
+//         ...
+class KRUTILS_EXPORT UntypedTreeLevelItems
+{
+public:
+    enum { MaxLevel = 11 };
+
+    class const_iterator
+    {
+    public:
+        using iterator_category = std::forward_iterator_tag;
+        using value_type = TreeItem *;
+        using difference_type = std::ptrdiff_t;
+        using pointer = TreeItem *const *;
+        using reference = TreeItem *;
+
+        TreeItem *operator*() const { return m_item[m_depth]; }
+
+        const_iterator &operator++()
+        {
+            UTILS_SOFT_ASSERT(m_depth != -1, "shell/krutils/TreeModel.h", 181, return *this);
+            nextSibling();
+            return *this;
+        }
+
+        const_iterator operator++(int)
+        {
+            const_iterator previous = *this;
+            ++*this;
+            return previous;
+        }
+
+        bool operator==(const const_iterator &other) const
+        {
+            return m_depth == other.m_depth
+                    && (m_depth == -1 || m_item[m_depth] == other.m_item[m_depth]);
+        }
+        bool operator!=(const const_iterator &other) const { return !(*this == other); }
+
+    private:
+        friend class UntypedTreeLevelItems;
+
+        explicit const_iterator(int level) : m_level(level) { }
+
+        // Descends from the node at m_depth to the first node at m_level below it, or, when
+        // the branch ends earlier, moves on to the next branch.
+        void descend()
+        {
+            UTILS_SOFT_ASSERT(m_depth < m_level, "shell/krutils/TreeModel.h", 182, return );
+            while (m_depth < m_level) {
+                const TreeItem *node = m_item[m_depth];
+                const int rows = node->rowCount();
+                if (rows == 0) {
+                    nextSibling();
+                    return;
+                }
+                ++m_depth;
+                m_pos[m_depth] = 0;
+                m_size[m_depth] = rows;
+                m_item[m_depth] = node->child(0);
+            }
+        }
+
+        // Moves from the node at m_depth to its next sibling, climbing while a parent has no
+        // further rows, and descends again from there; the end is reached once the climb passes
+        // the start node.
+        void nextSibling()
+        {
+            while (++m_pos[m_depth] >= m_size[m_depth]) {
+                if (--m_depth < 0) {
+                    m_depth = -1;
+                    return;
+                }
+            }
+            m_item[m_depth] = m_item[m_depth - 1]->child(m_pos[m_depth]);
+            if (m_depth < m_level)
+                descend();
+        }
+
+        int m_level;
+        int m_depth = -1;
+        TreeItem *m_item[MaxLevel + 1] = {};
+        int m_pos[MaxLevel + 1] = {};
+        int m_size[MaxLevel + 1] = {};
+    };
+
+    UntypedTreeLevelItems(TreeItem *item, int level = 1) : m_item(item), m_level(level) { }
+
+    const_iterator begin() const;
+    const_iterator end() const;
+
+private:
+    TreeItem *m_item;
+    int m_level;
+};
+
+// A QAbstractItemModel over a tree of TreeItems. Every row has the same number of columns; the
+// data, flags and editing come from the items. The model owns its root item.
+class KRUTILS_EXPORT TreeModel : public QAbstractItemModel
+{
+    Q_OBJECT
+
+public:
+    explicit TreeModel(QObject *parent = nullptr);
+    // Adopts `root` and attaches its subtree. A null root leaves the model empty.
+    explicit TreeModel(TreeItem *root, QObject *parent = nullptr);
+    ~TreeModel() override;
+
+    QModelIndex index(int row, int column,
+                      const QModelIndex &parent = QModelIndex()) const override;
+    QModelIndex parent(const QModelIndex &child) const override;
+    int rowCount(const QModelIndex &parent = QModelIndex()) const override;
+    int columnCount(const QModelIndex &parent = QModelIndex()) const override;
+    bool hasChildren(const QModelIndex &parent = QModelIndex()) const override;
+    QVariant data(const QModelIndex &index, int role = Qt::DisplayRole) const override;
+    bool setData(const QModelIndex &index, const QVariant &value, int role = Qt::EditRole) override;
+    QVariant headerData(int section, Qt::Orientation orientation,
+                        int role = Qt::DisplayRole) const override;
+    void fetchMore(const QModelIndex &parent) override;
+    bool canFetchMore(const QModelIndex &parent) const override;
+    Qt::ItemFlags flags(const QModelIndex &index) const override;
+
+    // Replaces the root and deletes the old one with its whole tree. It emits no reset: callers
+    // that replace a root a view already shows reset the view themselves.
+    void setRootItem(TreeItem *item);
+    TreeItem *rootItem() const { return m_root; }
+
+    // Sets the horizontal header texts and, with them, the column count.
+    void setHeader(const QStringList &header);
+    void setColumnCount(int columnCount);
+
+    // An invalid index stands for the root item.
+    TreeItem *itemFromIndex(const QModelIndex &index) const;
+    QModelIndex indexFromItem(const TreeItem *item) const;
+
+    // Takes `item` out of the tree and hands it to the caller undeleted; it keeps its model.
+    void removeItem(TreeItem *item);
+    // Deletes all items below the root.
+    void removeItems();
+
+    // The items at `level` below `start` (the root when `start` is null).
+    UntypedTreeLevelItems untypedLevelItems(int level = 1, TreeItem *start = nullptr) const;
+    // The children of `start`; a null `start` gives an empty range.
+    UntypedTreeLevelItems untypedLevelItems(TreeItem *start) const;
+
+Q_SIGNALS:
+    void requestExpansion(QModelIndex index);
+
+private:
+    friend class TreeItem;
+
+    TreeItem *m_root;
+    QStringList m_header;
+    int m_columnCount = 1;
+};
+
+} // namespace Utils
+
+#endif // UTILS_TREEMODEL_H
