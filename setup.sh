@@ -46,6 +46,7 @@ case "$action" in
     test) exec ctest --preset "$preset" ;;
     bench) "build/$preset/bench/krbench" && "build/$preset/bench/krbench_records" \
                && "build/$preset/bench/krbench_interaction" \
-               && exec "build/$preset/bench/krbench_treemodel" ;;
+               && "build/$preset/bench/krbench_treemodel" \
+               && exec "build/$preset/bench/krbench_workbook" ;;
     *) echo "usage: $0 [build|demo|test|bench]" >&2; exit 2 ;;
 esac

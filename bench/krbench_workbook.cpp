@@ -1,6 +1,8 @@
-// Benchmarks of the workbook layer on a generated order blotter of 100,000 rows x 20 columns
-// (text, integers, doubles, dates and date-times), beside libxlsxwriter used directly on the same
-// cells with the same options (constant_memory, a bold 16-point header, columns 20 wide).
+// Benchmarks of the workbook layer and the two workbook classes on a generated order blotter of
+// 100,000 rows x 20 columns (text, integers, doubles, dates and date-times): KrExportExcelFile
+// and KrXlsxWriter beside libxlsxwriter used directly on the same cells with the same options
+// (constant_memory, a bold 16-point header, columns 20 wide); KrParseInportExcelFile beside
+// merely building the same record list in memory.
 //
 //     build/default/bench/krbench_workbook [--rows=N] [Google Benchmark flags]
 //
@@ -16,15 +18,19 @@
 #include "KrBenchSupport.h"
 
 #include <KrXlsxWriter_p.h>
+#include <krutils/KrExportExcelFile.h>
+#include <krutils/KrParseInportExcelFile.h>
 
 #include <benchmark/benchmark.h>
 #include <xlsxwriter.h>
 
 #include <QCoreApplication>
 #include <QDateTime>
+#include <QEventLoop>
 #include <QFile>
 #include <QFileInfo>
 #include <QList>
+#include <QLoggingCategory>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <QVariantMap>
@@ -207,7 +213,14 @@ public:
         m_usable = clearRefs.open(QIODevice::WriteOnly) && clearRefs.write("5") == 1;
         clearRefs.close();
         m_startKiB = statusKiB("VmRSS");
+        m_startInUse = mallinfo2().uordblks;
         m_usable = m_usable && m_startKiB >= 0 && statusKiB("VmHWM") <= m_startKiB + 1024;
+    }
+
+    // The heap in use now (allocated and not freed), above the start, in MiB.
+    double heapInUseMiB() const
+    {
+        return (double(mallinfo2().uordblks) - double(m_startInUse)) / 1048576.0;
     }
 
     // MiB, or -1 when the system cannot tell.
@@ -219,6 +232,7 @@ public:
 
 private:
     qint64 m_startKiB = -1;
+    size_t m_startInUse = 0;
     bool m_usable = false;
 };
 
@@ -334,6 +348,98 @@ void writeLibxlsxwriter(benchmark::State &state)
     reportWorkbook(state, memory, fileName);
 }
 
+// --- The two classes
+// ------------------------------------------------------------------------------
+
+using SheetDetailList = QMap<QString, QList<QVariantMap>>;
+
+// Exports through KrExportExcelFile and waits for its answer; the exporter deletes itself.
+bool exportWithKrExportExcelFile(const QString &fileName, const SheetDetailList &sheets)
+{
+    bool result = false;
+    QEventLoop loop;
+    auto exporter = new KrExportExcelFile;
+    QObject::connect(exporter, &KrExportExcelFile::exportFileFinished, &loop,
+                     [&](bool ok, const QString &, const QString &) {
+                         result = ok;
+                         loop.quit();
+                     });
+    emit exporter->signalSetSheetDetailList(fileName, sheets);
+    loop.exec();
+    return result;
+}
+
+SheetDetailList importWithKrParseInportExcelFile(const QString &fileName)
+{
+    SheetDetailList sheets;
+    QEventLoop loop;
+    auto importer = new KrParseInportExcelFile;
+    QObject::connect(importer, &KrParseInportExcelFile::parseFileFinished, &loop,
+                     [&](bool, const QString &, const SheetDetailList &list) {
+                         sheets = list;
+                         loop.quit();
+                     });
+    importer->setFileName(fileName);
+    loop.exec();
+    importer->deleteLater();
+    return sheets;
+}
+
+void exportKrExportExcelFile(benchmark::State &state)
+{
+    const SheetDetailList sheets {{QStringLiteral("Orders"), blotter()}};
+    QTemporaryDir dir;
+    const QString fileName = dir.filePath(QStringLiteral("orders.xlsx"));
+    const PeakMemory memory;
+    for (auto _ : state) {
+        if (!exportWithKrExportExcelFile(fileName, sheets))
+            state.SkipWithError("KrExportExcelFile failed");
+    }
+    reportWorkbook(state, memory, fileName);
+}
+
+// The blotter as a workbook, written once, for the import.
+const QString &blotterWorkbook()
+{
+    static QTemporaryDir dir;
+    static const QString fileName = [] {
+        const QString name = dir.filePath(QStringLiteral("orders.xlsx"));
+        if (!writeWithKrXlsxWriter(name, blotter()))
+            qFatal("cannot write the blotter's workbook");
+        return name;
+    }();
+    return fileName;
+}
+
+void importKrParseInportExcelFile(benchmark::State &state)
+{
+    const QString &fileName = blotterWorkbook();
+    const PeakMemory memory;
+    double listMiB = 0;
+    for (auto _ : state) {
+        const SheetDetailList sheets = importWithKrParseInportExcelFile(fileName);
+        if (sheets.value(QStringLiteral("Orders")).size() != rowCount)
+            state.SkipWithError("KrParseInportExcelFile read a different number of rows");
+        // What the resulting list holds (every text read is a string of its own, where the
+        // generated blotter shares a few), against the peak of the whole import.
+        listMiB = memory.heapInUseMiB();
+    }
+    reportWorkbook(state, memory, fileName);
+    state.counters["list_MiB"] = listMiB;
+}
+
+// The floor for the import: the same record list built in memory from generated data.
+void buildRecordList(benchmark::State &state)
+{
+    const PeakMemory memory;
+    for (auto _ : state) {
+        const QList<QVariantMap> records = generateBlotter(rowCount, 2);
+        benchmark::DoNotOptimize(records.size());
+    }
+    state.SetItemsProcessed(state.iterations() * rowCount);
+    state.counters["peak_MiB"] = memory.peakMiB();
+}
+
 // --- Ratios --------------------------------------------------------------------------------------
 
 // Keeps real and CPU time per benchmark, by the name it was registered with, the median when
@@ -350,6 +456,12 @@ public:
             if ((run.run_type == Run::RT_Iteration || median) && !run.error_occurred) {
                 times[run.run_name.function_name]
                         = {run.GetAdjustedRealTime(), run.GetAdjustedCPUTime()};
+                const auto peak = run.counters.find("peak_MiB");
+                if (peak != run.counters.end())
+                    peaks[run.run_name.function_name] = peak->second;
+                const auto list = run.counters.find("list_MiB");
+                if (list != run.counters.end())
+                    lists[run.run_name.function_name] = list->second;
             }
         }
     }
@@ -365,8 +477,24 @@ public:
         return true;
     }
 
+    // Real time in milliseconds and peak memory in MiB; false if it did not run.
+    bool figures(const std::string &name, double *milliseconds, double *peakMiB) const
+    {
+        const auto time = times.find(name);
+        const auto peak = peaks.find(name);
+        if (time == times.end() || peak == peaks.end())
+            return false;
+        *milliseconds = time->second.first;
+        *peakMiB = peak->second;
+        return true;
+    }
+
 private:
     std::map<std::string, std::pair<double, double>> times; // real, CPU
+    std::map<std::string, double> peaks;
+
+public:
+    std::map<std::string, double> lists; // what the resulting record list holds, MiB
 };
 
 void printRatio(const WorkbookReporter &reporter, const char *what, const std::string &a,
@@ -379,6 +507,17 @@ void printRatio(const WorkbookReporter &reporter, const char *what, const std::s
 
 const std::string writerBenchmark = "write/KrXlsxWriter";
 const std::string directBenchmark = "write/libxlsxwriter directly";
+const std::string exportBenchmark = "export/KrExportExcelFile";
+const std::string importBenchmark = "import/KrParseInportExcelFile";
+const std::string buildBenchmark = "build/the record list in memory";
+
+void printFigures(const WorkbookReporter &reporter, const std::string &name)
+{
+    double milliseconds, peakMiB;
+    if (reporter.figures(name, &milliseconds, &peakMiB))
+        std::printf("%-44s %7.0f ms, %6.0f rows/s, peak %6.1f MiB\n", (name + ":").c_str(),
+                    milliseconds, rowCount / (milliseconds / 1000), peakMiB);
+}
 
 } // namespace
 
@@ -396,21 +535,41 @@ int main(int argc, char **argv)
     }
     int argumentCount = int(arguments.size());
     QCoreApplication app(argc, argv);
+    // The importer logs the whole list it read at debug level: not what is measured here.
+    QLoggingCategory::setFilterRules(QStringLiteral("krutils.debug=false"));
     benchmark::Initialize(&argumentCount, arguments.data());
     std::printf("Generating a blotter of %d rows x 20 columns ...\n", rowCount);
     blotter();
     directBlotter();
+    blotterWorkbook();
 
     const auto workbook = [](benchmark::internal::Benchmark *b) {
         b->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(5)->UseRealTime();
     };
+    workbook(benchmark::RegisterBenchmark(exportBenchmark.c_str(), exportKrExportExcelFile));
     workbook(benchmark::RegisterBenchmark(writerBenchmark.c_str(), writeKrXlsxWriter));
     workbook(benchmark::RegisterBenchmark(directBenchmark.c_str(), writeLibxlsxwriter));
+    workbook(benchmark::RegisterBenchmark(importBenchmark.c_str(), importKrParseInportExcelFile));
+    workbook(benchmark::RegisterBenchmark(buildBenchmark.c_str(), buildRecordList));
 
     WorkbookReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     std::printf("\n");
+    for (const std::string &name :
+         {exportBenchmark, writerBenchmark, directBenchmark, importBenchmark, buildBenchmark})
+        printFigures(reporter, name);
+    std::printf("\n");
+    printRatio(reporter, "KrExportExcelFile / libxlsxwriter directly:", exportBenchmark,
+               directBenchmark);
     printRatio(reporter, "KrXlsxWriter / libxlsxwriter directly:", writerBenchmark,
                directBenchmark);
+    printRatio(reporter, "KrParseInportExcelFile / building the list:", importBenchmark,
+               buildBenchmark);
+    double importMs, importPeak;
+    const auto list = reporter.lists.find(importBenchmark);
+    if (reporter.figures(importBenchmark, &importMs, &importPeak) && list != reporter.lists.end()
+        && list->second > 0)
+        std::printf("%-44s peak memory %.1f MiB / the list read %.1f MiB = %.2f\n",
+                    "KrParseInportExcelFile:", importPeak, list->second, importPeak / list->second);
     return 0;
 }

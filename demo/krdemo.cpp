@@ -4,12 +4,14 @@
 #include <krdefine/krdefine.h>
 #include <krutils/CKrUUID.h>
 #include <krutils/KrCommonUtils.h>
+#include <krutils/KrExportExcelFile.h>
 #include <krutils/KrFunctionGuard.h>
 #include <krutils/KrFunctionGuardManager.h>
 #include <krutils/KrMutex.h>
 #include <krutils/KrMutexLocker.h>
 #include <krutils/KrMutexManager.h>
 #include <krutils/KrObject.h>
+#include <krutils/KrParseInportExcelFile.h>
 #include <krutils/KrReadLocker.h>
 #include <krutils/KrShortcutMgr.h>
 #include <krutils/KrThread.h>
@@ -19,9 +21,11 @@
 #include <krutils/TreeView.h>
 
 #include <QApplication>
+#include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QEventLoop>
+#include <QFileInfo>
 #include <QKeyEvent>
 #include <QLineEdit>
 #include <QMap>
@@ -33,6 +37,7 @@
 #include <QWidget>
 
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -252,6 +257,20 @@ QVariantMap condition(const QString &compare, const QVariant &operand,
             {Orvex_Fields::Infomation::logicOperator, logic}};
 }
 
+// The trades of the record sections, as a table view holds them.
+QList<QMap<int, QVariantMap>> demoBlotter()
+{
+    return {
+            trade(1, QStringLiteral("600519.SH"), QStringLiteral("Buy"), 1688.50, 200),
+            trade(2, QStringLiteral("000001.SZ"), QStringLiteral("Sell"), 11.37, 5000),
+            trade(3, QStringLiteral("IF2412"), QStringLiteral("Buy"), 3912.40, 3),
+            trade(4, QStringLiteral("601318.SH"), QStringLiteral("Buy"), 42.18, 1200),
+            trade(5, QStringLiteral("000001.SZ"), QStringLiteral("Buy"), 11.40, 300),
+            trade(6, QStringLiteral("300750.SZ"), QStringLiteral("Sell"), 178.90, 800),
+            trade(7, QStringLiteral("601318.SH"), QStringLiteral("Sell"), 42.25, 2500),
+    };
+}
+
 void printTrades(const QList<QMap<int, QVariantMap>> &trades)
 {
     say("      %s\n",
@@ -282,15 +301,7 @@ void tourRecordFilter()
             "(any group may pass), a condition compares the cell's raw value with QVariant's "
             "rules,\n"
             "and conditions of a group join left to right through and / or / not (\"and not\").");
-    const QList<QMap<int, QVariantMap>> blotter {
-            trade(1, QStringLiteral("600519.SH"), QStringLiteral("Buy"), 1688.50, 200),
-            trade(2, QStringLiteral("000001.SZ"), QStringLiteral("Sell"), 11.37, 5000),
-            trade(3, QStringLiteral("IF2412"), QStringLiteral("Buy"), 3912.40, 3),
-            trade(4, QStringLiteral("601318.SH"), QStringLiteral("Buy"), 42.18, 1200),
-            trade(5, QStringLiteral("000001.SZ"), QStringLiteral("Buy"), 11.40, 300),
-            trade(6, QStringLiteral("300750.SZ"), QStringLiteral("Sell"), 178.90, 800),
-            trade(7, QStringLiteral("601318.SH"), QStringLiteral("Sell"), 42.25, 2500),
-    };
+    const QList<QMap<int, QVariantMap>> blotter = demoBlotter();
     say("  The blotter:\n");
     printTrades(blotter);
 
@@ -623,6 +634,113 @@ void tourTreeModel()
     model.removeItem(model.rootItem());
 }
 
+// Waits, with the main thread's events running, until `done` holds (or ten seconds pass).
+bool waitUntil(const std::function<bool()> &done)
+{
+    QElapsedTimer clock;
+    clock.start();
+    while (!done() && clock.elapsed() < 10000)
+        pumpEvents(10);
+    return done();
+}
+
+void tourWorkbooks()
+{
+    section("10. Workbooks (KrExportExcelFile, KrParseInportExcelFile)",
+            "The blotter of section 4 goes to an .xlsx workbook on the exporter's own thread, and\n"
+            "comes back through the importer on its own thread, keyed by the header row.");
+    QList<QVariantMap> trades;
+    const QDateTime opening(QDate(2024, 11, 20), QTime(9, 30));
+    for (const auto &row : demoBlotter()) {
+        // the raw value where the view has one, else the text shown
+        const auto cell = [&](int column) {
+            const QVariantMap roles = row.value(column);
+            return roles.value(QStringLiteral("256"), roles.value(QStringLiteral("0")));
+        };
+        trades.append({{QStringLiteral("id"), cell(TradeId)},
+                       {QStringLiteral("symbol"), cell(Symbol)},
+                       {QStringLiteral("side"), cell(Side)},
+                       {QStringLiteral("price"), cell(Price)},
+                       {QStringLiteral("qty"), cell(Quantity)},
+                       {QStringLiteral("time"), opening.addSecs(97 * cell(TradeId).toInt())}});
+    }
+    const QMap<QString, QList<QVariantMap>> sheets {
+            {QStringLiteral("Trades"), trades},
+            {QStringLiteral("Desk"),
+             {{{QStringLiteral("desk"), QStringLiteral("Equities")},
+               {QStringLiteral("trader"), QStringLiteral("trader01")}}}}};
+    const QString fileName = QDir::temp().filePath(QStringLiteral("krdemo_blotter.xlsx"));
+
+    QString exportInfo;
+    bool exported = false;
+    auto exporter = new KrExportExcelFile;
+    QObject::connect(exporter, &KrExportExcelFile::exportFileFinished, qApp,
+                     [&](bool result, const QString &, const QString &info) {
+                         exported = true;
+                         exportInfo = result ? info : QStringLiteral("failed: ") + info;
+                     });
+    emit exporter->signalSetSheetDetailList(fileName, sheets);
+    waitUntil([&] { return exported; });
+    say("  exported to %s\n",
+        QStringLiteral("%1 (%2 bytes): %3")
+                .arg(QDir::toNativeSeparators(fileName))
+                .arg(QFileInfo(fileName).size())
+                .arg(exportInfo));
+
+    QMap<QString, QList<QVariantMap>> read;
+    bool imported = false;
+    auto importer = new KrParseInportExcelFile;
+    QObject::connect(importer, &KrParseInportExcelFile::parseFileFinished, qApp,
+                     [&](bool, const QString &, const QMap<QString, QList<QVariantMap>> &list) {
+                         imported = true;
+                         read = list;
+                     });
+    importer->setFileName(fileName);
+    waitUntil([&] { return imported; });
+    importer->deleteLater();
+
+    say("  imported sheets: %s\n", read.keys().join(QLatin1String(", ")));
+    say("      %s\n",
+        QStringLiteral("%1 %2 %3 %4 %5 %6")
+                .arg(QStringLiteral("id"), 4)
+                .arg(QStringLiteral("symbol"), -10)
+                .arg(QStringLiteral("side"), -5)
+                .arg(QStringLiteral("price"), 8)
+                .arg(QStringLiteral("qty"), 6)
+                .arg(QStringLiteral("time (type)")));
+    const QList<QVariantMap> back = read.value(QStringLiteral("Trades"));
+    int matching = 0;
+    for (int i = 0; i < back.size(); ++i) {
+        const QVariantMap &record = back.at(i);
+        say("      %s\n",
+            QStringLiteral("%1 %2 %3 %4 %5 %6 (%7)")
+                    .arg(record.value(QStringLiteral("id")).toString(), 4)
+                    .arg(record.value(QStringLiteral("symbol")).toString(), -10)
+                    .arg(record.value(QStringLiteral("side")).toString(), -5)
+                    .arg(record.value(QStringLiteral("price")).toDouble(), 8, 'f', 2)
+                    .arg(record.value(QStringLiteral("qty")).toDouble(), 6)
+                    .arg(record.value(QStringLiteral("time"))
+                                 .toDateTime()
+                                 .toString(QStringLiteral("yyyy-MM-dd hh:mm:ss")))
+                    .arg(QString::fromLatin1(record.value(QStringLiteral("time")).typeName())));
+        bool same = i < trades.size();
+        for (auto it = record.cbegin(); same && it != record.cend(); ++it) {
+            const QVariant original = trades.at(i).value(it.key());
+            same = it.key() == QLatin1String("time")
+                    ? it.value().toDateTime().toString(Qt::ISODate).left(19)
+                            == original.toDateTime().toString(Qt::ISODate).left(19)
+                    : it.value().toString() == original.toString();
+        }
+        matching += same;
+    }
+    say("  %s\n",
+        QStringLiteral("%1 of %2 rows match the blotter (numbers come back as double, "
+                       "date-times as their wall-clock value)")
+                .arg(matching)
+                .arg(trades.size()));
+    QFile::remove(fileName);
+}
+
 // Notes which key presses reach a widget past the filters installed after it.
 class KeyWitness : public QObject
 {
@@ -749,6 +867,7 @@ int main(int argc, char **argv)
     tourIds();
     tourShortcuts();
     tourTreeModel();
+    tourWorkbooks();
     say("\nDone. The monitors stop with the process.\n");
     return 0;
 }

@@ -19,6 +19,8 @@ class KrThread;
 //     auto *import = new KrParseInportExcelFile;
 //     connect(import, &KrParseInportExcelFile::parseFileFinished, this, &Page::showSheets);
 //     import->setFileName(path); // every later setFileName() parses again
+//     ...
+//     import->deleteLater();     // it lives on its worker thread; its thread then ends
 //
 // Only a file whose complete suffix is exactly "xlsx" is read (not "XLSX", not
 // "report.2024.xlsx"). The header and the records are read from row 1 and column 1, as wide and
