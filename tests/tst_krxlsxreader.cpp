@@ -39,8 +39,8 @@ QString describe(const KrXlsxCell &cell)
         const QDateTime dateTime = value.toDateTime();
         text = dateTime.date().toString(Qt::ISODate) + QLatin1Char(' ')
                 + dateTime.time().toString(QStringLiteral("HH:mm:ss.zzz"))
-                + (dateTime.timeSpec() == Qt::UTC ? QStringLiteral(" (UTC spec)")
-                                                  : QStringLiteral(" (other spec)"));
+                + (dateTime.timeSpec() == Qt::UTC ? QStringLiteral(" (Qt::UTC)")
+                                                  : QStringLiteral(" (not Qt::UTC)"));
         break;
     }
     case QMetaType::QTime:

@@ -34,18 +34,7 @@ public:
             return false;
         if (cell.row > m_rows.size())
             m_rows.resize(cell.row);
-        QVector<Cell> &row = m_rows[cell.row - 1];
-        // Rows of a sheet are mostly alike: room for as many cells as the last row started had
-        // saves the reallocations and the spare room of growing one cell at a time.
-        if (row.isEmpty()) {
-            if (m_cellsInLastRow)
-                row.reserve(m_cellsInLastRow);
-            m_lastRowStarted = cell.row;
-            m_cellsInLastRow = 0;
-        }
-        if (cell.row == m_lastRowStarted)
-            ++m_cellsInLastRow;
-        row.append({cell.column, std::move(cell.value)});
+        m_rows[cell.row - 1].append({cell.column, std::move(cell.value)});
         return true;
     }
 
@@ -112,8 +101,6 @@ private:
     int m_firstColumn = INT_MAX;
     int m_lastColumn = 0;
     qint64 m_cellCount = 0;
-    int m_lastRowStarted = 0;
-    int m_cellsInLastRow = 0;
 };
 
 SheetDetailList readWorkbook(const QString &fileName)

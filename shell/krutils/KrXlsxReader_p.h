@@ -21,7 +21,7 @@ QT_END_NAMESPACE
 //   - QDate, QTime or QDateTime for numbers whose cell style has a date or time number format, and
 //     for ISO 8601 dates stored in the cell: a whole number becomes a QDate, a number below 1 a
 //     QTime, any other a QDateTime. Dates and times are wall-clock values: the file has no time
-//     zone, so a QDateTime always carries Qt::UTC as a neutral spec that no time-zone or
+//     zone, so a QDateTime always carries Qt::UTC as a neutral basis that no time-zone or
 //     daylight-saving rule can shift (read its date() and time(), or toString(); do not convert it
 //     to local time). Times are rounded to the millisecond. A date-formatted number that has no
 //     date (negative, beyond 9999-12-31, or 60 in the 1900 date system, Excel's fictitious
