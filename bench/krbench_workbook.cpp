@@ -40,6 +40,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -322,30 +323,33 @@ bool writeWithLibxlsxwriter(const QString &fileName, const DirectTable &table)
     return workbook_close(workbook) == LXW_NO_ERROR && ok;
 }
 
-void writeKrXlsxWriter(benchmark::State &state)
+// Writes the blotter's workbook with `write` once per iteration, into a directory of its own.
+void benchmarkWriting(benchmark::State &state, const std::function<bool(const QString &)> &write)
 {
-    const QList<QVariantMap> &records = blotter();
     QTemporaryDir dir;
     const QString fileName = dir.filePath(QStringLiteral("orders.xlsx"));
     const PeakMemory memory;
     for (auto _ : state) {
-        if (!writeWithKrXlsxWriter(fileName, records))
-            state.SkipWithError("KrXlsxWriter failed");
+        if (!write(fileName))
+            state.SkipWithError("writing the workbook failed");
     }
     reportWorkbook(state, memory, fileName);
+}
+
+void writeKrXlsxWriter(benchmark::State &state)
+{
+    const QList<QVariantMap> &records = blotter();
+    benchmarkWriting(state, [&](const QString &fileName) {
+        return writeWithKrXlsxWriter(fileName, records);
+    });
 }
 
 void writeLibxlsxwriter(benchmark::State &state)
 {
     const DirectTable &table = directBlotter();
-    QTemporaryDir dir;
-    const QString fileName = dir.filePath(QStringLiteral("orders.xlsx"));
-    const PeakMemory memory;
-    for (auto _ : state) {
-        if (!writeWithLibxlsxwriter(fileName, table))
-            state.SkipWithError("libxlsxwriter failed");
-    }
-    reportWorkbook(state, memory, fileName);
+    benchmarkWriting(state, [&](const QString &fileName) {
+        return writeWithLibxlsxwriter(fileName, table);
+    });
 }
 
 // --- The two classes
@@ -388,14 +392,9 @@ SheetDetailList importWithKrParseInportExcelFile(const QString &fileName)
 void exportKrExportExcelFile(benchmark::State &state)
 {
     const SheetDetailList sheets {{QStringLiteral("Orders"), blotter()}};
-    QTemporaryDir dir;
-    const QString fileName = dir.filePath(QStringLiteral("orders.xlsx"));
-    const PeakMemory memory;
-    for (auto _ : state) {
-        if (!exportWithKrExportExcelFile(fileName, sheets))
-            state.SkipWithError("KrExportExcelFile failed");
-    }
-    reportWorkbook(state, memory, fileName);
+    benchmarkWriting(state, [&](const QString &fileName) {
+        return exportWithKrExportExcelFile(fileName, sheets);
+    });
 }
 
 // The blotter as a workbook, written once, for the import.

@@ -271,26 +271,33 @@ QList<QMap<int, QVariantMap>> demoBlotter()
     };
 }
 
+// The columns of a trade line, aligned under tradeHeader().
+QString tradeLine(const QString &id, const QString &symbol, const QString &side,
+                  const QString &price, const QString &quantity)
+{
+    return QStringLiteral("%1 %2 %3 %4 %5")
+            .arg(id, 4)
+            .arg(symbol, -10)
+            .arg(side, -5)
+            .arg(price, 8)
+            .arg(quantity, 6);
+}
+
+QString tradeHeader()
+{
+    return tradeLine(QStringLiteral("id"), QStringLiteral("symbol"), QStringLiteral("side"),
+                     QStringLiteral("price"), QStringLiteral("qty"));
+}
+
 void printTrades(const QList<QMap<int, QVariantMap>> &trades)
 {
-    say("      %s\n",
-        QStringLiteral("%1 %2 %3 %4 %5")
-                .arg(QStringLiteral("id"), 4)
-                .arg(QStringLiteral("symbol"), -10)
-                .arg(QStringLiteral("side"), -5)
-                .arg(QStringLiteral("price"), 8)
-                .arg(QStringLiteral("qty"), 6));
+    say("      %s\n", tradeHeader());
     for (const auto &row : trades) {
         auto text = [&](int column) {
             return row.value(column).value(QStringLiteral("0")).toString();
         };
         say("      %s\n",
-            QStringLiteral("%1 %2 %3 %4 %5")
-                    .arg(text(TradeId), 4)
-                    .arg(text(Symbol), -10)
-                    .arg(text(Side), -5)
-                    .arg(text(Price), 8)
-                    .arg(text(Quantity), 6));
+            tradeLine(text(TradeId), text(Symbol), text(Side), text(Price), text(Quantity)));
     }
 }
 
@@ -331,12 +338,9 @@ void tourRecordFilter()
     const QMap<int, QVariantMap> sum = KrCommonUtils::getTableViewSumRecord(blotter, {TradeId});
     say("\n  Summary row (trade ids excluded; text columns have nothing to sum):\n");
     say("      %s\n",
-        QStringLiteral("%1 %2 %3 %4 %5")
-                .arg(QStringLiteral("sum"), 4)
-                .arg(QString(), -10)
-                .arg(QString(), -5)
-                .arg(sum.value(Price).value(QStringLiteral("0")).toDouble(), 8, 'f', 2)
-                .arg(sum.value(Quantity).value(QStringLiteral("0")).toInt(), 6));
+        tradeLine(QStringLiteral("sum"), QString(), QString(),
+                  QString::number(sum.value(Price).value(QStringLiteral("0")).toDouble(), 'f', 2),
+                  QString::number(sum.value(Quantity).value(QStringLiteral("0")).toInt())));
 }
 
 void tourParameterFile()
@@ -700,29 +704,23 @@ void tourWorkbooks()
     importer->deleteLater();
 
     say("  imported sheets: %s\n", read.keys().join(QLatin1String(", ")));
-    say("      %s\n",
-        QStringLiteral("%1 %2 %3 %4 %5 %6")
-                .arg(QStringLiteral("id"), 4)
-                .arg(QStringLiteral("symbol"), -10)
-                .arg(QStringLiteral("side"), -5)
-                .arg(QStringLiteral("price"), 8)
-                .arg(QStringLiteral("qty"), 6)
-                .arg(QStringLiteral("time (type)")));
+    say("      %s\n", tradeHeader() + QStringLiteral(" time (type)"));
     const QList<QVariantMap> back = read.value(QStringLiteral("Trades"));
     int matching = 0;
     for (int i = 0; i < back.size(); ++i) {
         const QVariantMap &record = back.at(i);
         say("      %s\n",
-            QStringLiteral("%1 %2 %3 %4 %5 %6 (%7)")
-                    .arg(record.value(QStringLiteral("id")).toString(), 4)
-                    .arg(record.value(QStringLiteral("symbol")).toString(), -10)
-                    .arg(record.value(QStringLiteral("side")).toString(), -5)
-                    .arg(record.value(QStringLiteral("price")).toDouble(), 8, 'f', 2)
-                    .arg(record.value(QStringLiteral("qty")).toDouble(), 6)
-                    .arg(record.value(QStringLiteral("time"))
-                                 .toDateTime()
-                                 .toString(QStringLiteral("yyyy-MM-dd hh:mm:ss")))
-                    .arg(QString::fromLatin1(record.value(QStringLiteral("time")).typeName())));
+            tradeLine(record.value(QStringLiteral("id")).toString(),
+                      record.value(QStringLiteral("symbol")).toString(),
+                      record.value(QStringLiteral("side")).toString(),
+                      QString::number(record.value(QStringLiteral("price")).toDouble(), 'f', 2),
+                      record.value(QStringLiteral("qty")).toString())
+                    + QStringLiteral(" %1 (%2)")
+                              .arg(record.value(QStringLiteral("time"))
+                                           .toDateTime()
+                                           .toString(QStringLiteral("yyyy-MM-dd hh:mm:ss")),
+                                   QString::fromLatin1(
+                                           record.value(QStringLiteral("time")).typeName())));
         bool same = i < trades.size();
         for (auto it = record.cbegin(); same && it != record.cend(); ++it) {
             const QVariant original = trades.at(i).value(it.key());

@@ -1,6 +1,7 @@
 #include "KrExportExcelFile.h"
 
 #include "KrLogging_p.h"
+#include "KrSheetDetailList_p.h"
 #include "KrThread.h"
 #include "KrXlsxWriter_p.h"
 
@@ -10,8 +11,6 @@
 #include <QStringList>
 
 namespace {
-
-using SheetDetailList = QMap<QString, QList<QVariantMap>>;
 
 constexpr double columnWidth = 20.0;
 
@@ -84,11 +83,6 @@ QString writeWorkbook(const QString &fileName, const SheetDetailList &sheets)
             return writer.errorString();
     }
     return writer.save() ? QString() : writer.errorString();
-}
-
-void registerSheetDetailListType()
-{
-    qRegisterMetaType<SheetDetailList>("QMap<QString,QList<QVariantMap>>");
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "KrParseInportExcelFile.h"
 
 #include "KrLogging_p.h"
+#include "KrSheetDetailList_p.h"
 #include "KrThread.h"
 #include "KrXlsxReader_p.h"
 
@@ -12,8 +13,6 @@
 #include <climits>
 
 namespace {
-
-using SheetDetailList = QMap<QString, QList<QVariantMap>>;
 
 // The cells of one sheet as they stream in, kept sparse until the used range is known: the
 // records are read from row 1 and column 1, as wide and as high as that range.
@@ -132,11 +131,6 @@ SheetDetailList readWorkbook(const QString &fileName)
         }
     }
     return sheets;
-}
-
-void registerSheetDetailListType()
-{
-    qRegisterMetaType<SheetDetailList>("QMap<QString,QList<QVariantMap>>");
 }
 
 } // namespace
