@@ -17,10 +17,12 @@ packages=(
     cmake ninja-build g++ pkg-config   # build
     qtbase5-dev                        # Qt Core, Gui, Widgets (and Qt Test for the tests)
     liblz4-dev                         # LZ4, part of the library's interface
+    libunwind-dev libdw-dev            # crash interception: stack stepping, frame names
     libminizip-dev libxlsxwriter-dev   # the workbook layer (.xlsx reading and writing)
     libbenchmark-dev                   # bench/
     python3-openpyxl                   # tests: openpyxl reads back the workbooks written
     clang-14 libfuzzer-14-dev          # fuzz/: the workbook reader's fuzzer
+    mingw-w64 wine64                   # tests: the Windows crash layer, cross-built and run under wine
 )
 
 missing=()
@@ -35,6 +37,21 @@ if ((${#missing[@]})); then
     "${sudo[@]}" apt-get update -qq
     DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y -qq --no-install-recommends \
         "${missing[@]}" >/dev/null
+fi
+
+# The tests check the dump files with Breakpad's minidump_stackwalk, which the npm package
+# "minidump" ships prebuilt (its install script would build it again from git submodules).
+minidump_tools=build/tools/node_modules/minidump/bin/linux-x64
+if [ ! -x "$minidump_tools/minidump_stackwalk" ]; then
+    if command -v npm >/dev/null; then
+        echo "setup: installing minidump@0.26.0 (npm) into build/tools"
+        mkdir -p build/tools
+        npm install --prefix build/tools --ignore-scripts --no-audit --no-fund --silent minidump@0.26.0 \
+            || echo "setup: npm install failed; the dump checks that need minidump_stackwalk are skipped"
+        rm -rf build/tools/node_modules/minidump/deps # sources of the tools, not needed
+    else
+        echo "setup: npm not found; the dump checks that need minidump_stackwalk are skipped"
+    fi
 fi
 
 cmake --preset "$preset" >/dev/null

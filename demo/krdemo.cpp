@@ -3,10 +3,12 @@
 
 #include <krdefine/krdefine.h>
 #include <krutils/CKrUUID.h>
+#include <krutils/CompleteExceptionHandler.h>
 #include <krutils/KrCommonUtils.h>
 #include <krutils/KrExportExcelFile.h>
 #include <krutils/KrFunctionGuard.h>
 #include <krutils/KrFunctionGuardManager.h>
+#include <krutils/KrMonitorAppender.h>
 #include <krutils/KrMutex.h>
 #include <krutils/KrMutexLocker.h>
 #include <krutils/KrMutexManager.h>
@@ -25,6 +27,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QEventLoop>
+#include <QFile>
 #include <QFileInfo>
 #include <QKeyEvent>
 #include <QLineEdit>
@@ -36,9 +39,12 @@
 #include <QTimer>
 #include <QWidget>
 
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -739,6 +745,49 @@ void tourWorkbooks()
     QFile::remove(fileName);
 }
 
+// The lines of a text file, or none while it cannot be read.
+QStringList fileLines(const QString &fileName)
+{
+    QFile file(fileName);
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
+        return {};
+    return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+}
+
+void tourMonitorLog()
+{
+    section("11. Monitor log (KrMonitorAppender)",
+            "Diagnostic records (crash reports among them) go as JSON lines into\n"
+            "log/monitorLog_<pid> beside the program, for the monitor program PeltoMonitor.exe "
+            "that the\nappender starts on first use (here at start-up, with the crash handlers): "
+            "look for \"监控进程启动！\" (started) or\n"
+            "\"监控进程未正常启动！\" (not found on PATH). Without a monitor the log file is "
+            "deleted again\nat exit, since no one would read it.");
+    // main() created the log directory at start-up: the appender does not create it.
+    const QString logDirectory = QCoreApplication::applicationDirPath() + QStringLiteral("/log");
+    KrMonitorAppender *appender = KrMonitorAppender::GetInstance();
+    const QString logFile = QStringLiteral("%1/monitorLog_%2")
+                                    .arg(logDirectory)
+                                    .arg(QCoreApplication::applicationPid());
+    say("  One record with an empty map, written at once on \"main\" (bAsync false), then two\n"
+        "  heartbeats sent asynchronously, written later on \"KrMonitorAppenderThread\":\n");
+    appender->AppendMonitorInfo(QStringLiteral("session opened"), QDateTime::currentDateTime(), {},
+                                false);
+    appender->AppendMonitorInfo(
+            QStringLiteral("heartbeat"), QDateTime::currentDateTime(),
+            {{QStringLiteral("desk"), QStringLiteral("equities")}, {QStringLiteral("orders"), 12}},
+            true);
+    appender->AppendMonitorInfo(QStringLiteral("heartbeat"), QDateTime::currentDateTime(),
+                                {{QStringLiteral("desk"), QStringLiteral("futures")},
+                                 {QStringLiteral("orders"), 3},
+                                 {QStringLiteral("latencyMs"), 1.8}},
+                                true);
+    waitUntil([&] { return fileLines(logFile).size() == 3; });
+    say("  %s now holds (members in key order; no \"content\" for the empty map):\n", logFile);
+    for (const QString &line : fileLines(logFile))
+        say("    %s\n", line);
+}
+
 // Notes which key presses reach a widget past the filters installed after it.
 class KeyWitness : public QObject
 {
@@ -840,6 +889,82 @@ void tourShortcuts()
     shortcuts->UnregisterObject(&page);
 }
 
+// `krdemo crash <kind>`: ends the demo the hard way, so that a newcomer sees what the crash
+// handlers leave behind.
+namespace crashes {
+volatile int zero = 0;
+volatile int hundred = 100;
+volatile int sink = 0;
+int *volatile nowhere = nullptr;
+
+__attribute__((noinline)) void writeThroughNull()
+{
+    *nowhere = 1;
+}
+
+__attribute__((noinline)) int recurseForever(int depth)
+{
+    volatile char frame[512];
+    frame[depth % sizeof frame] = 1;
+    return recurseForever(depth + 1) + frame[0];
+}
+
+__attribute__((noinline)) void throwUncaught()
+{
+    throw std::runtime_error("an exception nobody catches");
+}
+
+const QMap<QString, std::function<void()>> &kinds()
+{
+    static const QMap<QString, std::function<void()>> all = {
+            {QStringLiteral("null-write"), [] { writeThroughNull(); }},
+            {QStringLiteral("abort"), [] { std::abort(); }},
+            {QStringLiteral("divide"), [] { sink = hundred / zero; }},
+            {QStringLiteral("trap"), [] { __builtin_trap(); }},
+            {QStringLiteral("stack-overflow"), [] { sink = recurseForever(0); }},
+            {QStringLiteral("exception"), [] { throwUncaught(); }},
+            {QStringLiteral("thread"),
+             [] {
+                 auto *thread = new KrThread;
+                 thread->setObjectName(QStringLiteral("DemoWorker"));
+                 auto *worker = new QObject;
+                 worker->moveToThread(thread);
+                 thread->start(QThread::InheritPriority);
+                 QMetaObject::invokeMethod(
+                         worker, [] { writeThroughNull(); }, Qt::QueuedConnection);
+                 QThread::sleep(60);
+             }},
+    };
+    return all;
+}
+} // namespace crashes
+
+int crashOnPurpose(const QString &kind)
+{
+    const auto &kinds = crashes::kinds();
+    if (!kinds.contains(kind)) {
+        say("usage: krdemo crash <kind>, with <kind> one of: %s\n",
+            kinds.keys().join(QStringLiteral(", ")));
+        return 2;
+    }
+    section("Crash interception",
+            "set_process_exception_handlers() and set_thread_exception_handlers() are installed; "
+            "now\n"
+            "the demo crashes on purpose. The handler's log lines follow, then the process ends "
+            "with\n"
+            "the signal it would have ended with anyway.");
+    say("    monitor log: %s\n",
+        QStringLiteral("%1/log/monitorLog_%2")
+                .arg(QCoreApplication::applicationDirPath())
+                .arg(QCoreApplication::applicationPid()));
+    say("    dump file:   %s\n",
+        QDir::currentPath()
+                + QStringLiteral("/trelk_dump-<yyyyMMddhhmmss>.dmp (abort, faults, exceptions)"));
+    say("    crashing:    %s\n\n", kind);
+    kinds.value(kind)();
+    return 1;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -852,6 +977,14 @@ int main(int argc, char **argv)
     QApplication app(argc, argv);
     qInstallMessageHandler(printLogLine);
     QThread::currentThread()->setObjectName(QStringLiteral("main"));
+
+    // As the client does at start-up. The monitor log goes into the "log" folder beside the
+    // program, which the appender expects to exist.
+    QDir(QCoreApplication::applicationDirPath()).mkpath(QStringLiteral("log"));
+    set_process_exception_handlers();
+    set_thread_exception_handlers();
+    if (argc > 1 && qstrcmp(argv[1], "crash") == 0)
+        return crashOnPurpose(argc > 2 ? QString::fromLocal8Bit(argv[2]) : QString());
 
     say("krutils demo\n"
         "============\n"
@@ -866,7 +999,10 @@ int main(int argc, char **argv)
     tourShortcuts();
     tourTreeModel();
     tourWorkbooks();
-    say("\nDone. The monitors stop with the process.\n");
+    tourMonitorLog();
+    say("\nDone. The monitors stop with the process.\n"
+        "To see the crash handlers at work: krdemo crash <kind> (krdemo crash help lists the "
+        "kinds).\n");
     return 0;
 }
 

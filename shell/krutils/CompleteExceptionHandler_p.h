@@ -31,6 +31,20 @@ enum class Handler {
     InvalidParameter,
 };
 
+// The gravest kinds leave a dump file.
+inline bool dumpWanted(Handler handler)
+{
+    switch (handler) {
+    case Handler::Seh:
+    case Handler::SigAbrt:
+    case Handler::Terminate:
+    case Handler::Unexpected:
+        return true;
+    default:
+        return false;
+    }
+}
+
 // The exception as the monitor program reads it: Windows exception codes on every platform.
 struct ExceptionRecord
 {
@@ -74,7 +88,9 @@ void installProcessHandlers(CrashRoutine routine);
 
 // Installs the handlers of the calling thread (on Linux also its alternate signal stack, so that a
 // stack overflow in this thread is caught). `threadTag` is passed back in CrashEvent::threadTag.
-void installThreadHandlers(void *threadTag);
+// The routine is remembered too: a thread's handlers report even in a process whose handlers were
+// never installed.
+void installThreadHandlers(void *threadTag, CrashRoutine routine);
 
 } // namespace KrCrash
 

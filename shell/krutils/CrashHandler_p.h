@@ -63,7 +63,8 @@ std::string displayModuleName(const char *moduleName);
 // sets (the library's log) and that the Windows test sets to its own output. Never called from a
 // signal handler.
 enum class LogLevel { Debug, Warning };
-using LogSink = void (*)(LogLevel level, const char *source, const char *function, const char *text);
+using LogSink
+        = void (*)(LogLevel level, const char *source, const char *function, const char *text);
 void setLogSink(LogSink sink);
 // Writes one line to the sink, if any; `source` is the class file, "shell/krutils/CrashHandler".
 void logLine(LogLevel level, const char *source, const char *function, const char *text);

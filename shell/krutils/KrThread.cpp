@@ -1,5 +1,6 @@
 #include "KrThread.h"
 
+#include "CompleteExceptionHandler.h"
 #include "KrLogging_p.h"
 
 KrThread::KrThread(QObject *parent) : QThread(parent)
@@ -14,4 +15,5 @@ KrThread::~KrThread() = default;
 void KrThread::slotInitThreadData()
 {
     krDebug(KrThread) << objectName() << " thread started";
+    set_thread_exception_handlers();
 }
