@@ -234,6 +234,12 @@ void tst_KrCrash::crashes()
     QFETCH(QString, function);
     QFETCH(QString, threadName);
 
+#ifdef __SANITIZE_ADDRESS__
+    // AddressSanitizer brings its own malloc and operator new: the first never aborts on a
+    // corrupted glibc heap, the second reports a failed allocation itself, without the handler.
+    if (kind == QLatin1String("inside-malloc") || kind == QLatin1String("allocation-failure"))
+        QSKIP("AddressSanitizer replaces the allocator that this case needs");
+#endif
     QTemporaryDir dir;
     QVERIFY(dir.isValid());
     const CrashRun run = runHelper(kind, dir.path());
