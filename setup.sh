@@ -18,6 +18,11 @@ packages=(
     qtbase5-dev                        # Qt Core, Gui, Widgets (and Qt Test for the tests)
     liblz4-dev                         # LZ4, part of the library's interface
     libunwind-dev libdw-dev            # crash interception: stack stepping, frame names
+    qtmultimedia5-dev                  # alert sounds: Qt Multimedia ...
+    libqt5multimedia5-plugins          # ... its GStreamer back end ...
+    gstreamer1.0-plugins-base          # ... playbin, audioconvert, audioresample ...
+    gstreamer1.0-plugins-good          # ... wavparse, autoaudiosink, pulsesink
+    pulseaudio                         # tests: a private sound server stands in for a sound card
     libminizip-dev libxlsxwriter-dev   # the workbook layer (.xlsx reading and writing)
     libbenchmark-dev                   # bench/
     python3-openpyxl                   # tests: openpyxl reads back the workbooks written

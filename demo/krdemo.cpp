@@ -8,6 +8,7 @@
 #include <krutils/KrExportExcelFile.h>
 #include <krutils/KrFunctionGuard.h>
 #include <krutils/KrFunctionGuardManager.h>
+#include <krutils/KrMediaPlayer.h>
 #include <krutils/KrMonitorAppender.h>
 #include <krutils/KrMutex.h>
 #include <krutils/KrMutexLocker.h>
@@ -23,6 +24,8 @@
 #include <krutils/TreeView.h>
 
 #include <QApplication>
+#include <QAudioDeviceInfo>
+#include <QDataStream>
 #include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
@@ -32,13 +35,16 @@
 #include <QKeyEvent>
 #include <QLineEdit>
 #include <QMap>
+#include <QMediaPlayer>
 #include <QMutex>
 #include <QPointer>
 #include <QReadWriteLock>
+#include <QTemporaryDir>
 #include <QThread>
 #include <QTimer>
 #include <QWidget>
 
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -788,6 +794,95 @@ void tourMonitorLog()
         say("    %s\n", line);
 }
 
+// A short alert: a tone that fades out, as a 16-bit PCM mono 44.1 kHz WAV file.
+bool writeAlertSound(const QString &fileName, double frequency, int milliseconds)
+{
+    constexpr quint32 rate = 44100;
+    const quint32 samples = rate * milliseconds / 1000;
+    QFile file(fileName);
+    if (!file.open(QIODevice::WriteOnly))
+        return false;
+    QDataStream out(&file);
+    out.setByteOrder(QDataStream::LittleEndian);
+    out.writeRawData("RIFF", 4);
+    out << quint32(36 + 2 * samples);
+    out.writeRawData("WAVEfmt ", 8);
+    out << quint32(16) << quint16(1) << quint16(1) << rate << quint32(2 * rate) << quint16(2)
+        << quint16(16);
+    out.writeRawData("data", 4);
+    out << quint32(2 * samples);
+    for (quint32 i = 0; i < samples; ++i) {
+        const double fade = 1.0 - double(i) / samples;
+        out << qint16(12000 * fade * std::sin(2 * M_PI * frequency * i / rate));
+    }
+    return out.status() == QDataStream::Ok;
+}
+
+void tourAlertSounds()
+{
+    section("12. Alert sounds (KrMediaPlayer)",
+            "An order fill is announced twice in a row, then a price alert and a sound that was "
+            "never\ninstalled. The player works on its own thread \"KrMediaPlayer\": the first "
+            "request starts the\nfill sound, the repeat while it plays is dropped, the price "
+            "alert waits its turn, and the\nmissing file is logged as \"file is not exist\".");
+    QTemporaryDir folder;
+    const QString fill = folder.filePath(QStringLiteral("fill.wav"));
+    const QString price = folder.filePath(QStringLiteral("price.wav"));
+    if (!writeAlertSound(fill, 880, 600) || !writeAlertSound(price, 1320, 400)) {
+        say("  Could not write the alert sounds into %s; skipped.\n", folder.path());
+        return;
+    }
+    const QAudioDeviceInfo output = QAudioDeviceInfo::defaultOutputDevice();
+
+    KrMediaPlayer *alerts = KrMediaPlayer::getInstance();
+    alerts->initMediaPlay();
+    // Only the demo looks at the player itself, to tell what was heard; the client just asks.
+    QMediaPlayer *player = nullptr;
+    QMetaObject::invokeMethod(
+            alerts, [&] { player = alerts->findChild<QMediaPlayer *>(); },
+            Qt::BlockingQueuedConnection);
+    QObject watcher;
+    QElapsedTimer clock;
+    clock.start();
+    bool played = false, finished = false, failed = false;
+    int sounds = 0;
+    QObject::connect(player, &QMediaPlayer::currentMediaChanged, &watcher,
+                     [&](const QMediaContent &media) {
+                         const QString name = media.request().url().fileName();
+                         if (name.isEmpty()) // the playlist itself, as it is set up
+                             return;
+                         ++sounds;
+                         say("  %s\n",
+                             QStringLiteral("%1 s: playing %2")
+                                     .arg(clock.elapsed() / 1000.0, 0, 'f', 1)
+                                     .arg(name));
+                     });
+    QObject::connect(player, &QMediaPlayer::stateChanged, &watcher, [&](QMediaPlayer::State state) {
+        played = played || state == QMediaPlayer::PlayingState;
+        finished = played && state == QMediaPlayer::StoppedState;
+    });
+    QObject::connect(player, QOverload<QMediaPlayer::Error>::of(&QMediaPlayer::error), &watcher,
+                     [&] { failed = finished = true; });
+
+    alerts->playSignalMusic(fill);
+    alerts->playSignalMusic(fill);
+    alerts->playSignalMusic(price);
+    alerts->playSignalMusic(folder.filePath(QStringLiteral("margin-call.wav")));
+    waitUntil([&] { return finished; });
+    say("  %s\n",
+        QStringLiteral("%1 s: the player stopped; %2 sound(s) played.")
+                .arg(clock.elapsed() / 1000.0, 0, 'f', 1)
+                .arg(sounds));
+    if (failed)
+        say("  The sound back end reported an error (the log line above), so the alerts stayed "
+            "silent;\n  the player takes the next request all the same.\n");
+    else if (output.isNull())
+        say("  No sound device or sound server here: GStreamer played the alerts into a silent "
+            "sink,\n  in real time, so the order of events above is the same.\n");
+    else
+        say("  The alerts went to the sound output \"%s\".\n", output.deviceName());
+}
+
 // Notes which key presses reach a widget past the filters installed after it.
 class KeyWitness : public QObject
 {
@@ -1000,6 +1095,7 @@ int main(int argc, char **argv)
     tourTreeModel();
     tourWorkbooks();
     tourMonitorLog();
+    tourAlertSounds();
     say("\nDone. The monitors stop with the process.\n"
         "To see the crash handlers at work: krdemo crash <kind> (krdemo crash help lists the "
         "kinds).\n");
