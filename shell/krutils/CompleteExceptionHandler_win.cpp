@@ -122,7 +122,9 @@ int __cdecl catched_new_handler(size_t)
 }
 
 // The runtime calls a SIGFPE handler with the sub-code (_FPE_...) as a second argument, and
-// _pxcptinfoptrs holds its exception pointers for the signal being handled.
+// _pxcptinfoptrs holds its exception pointers for the signal being handled (null for raise()).
+// mingw-w64's start-up code, which hands an image's own faults to the signal handlers, passes the
+// signal number alone and sets no pointers: the sub-code is then meaningless.
 void __cdecl catched_sigfpe_handler(int signalNumber, int subCode)
 {
     CrashEvent event;

@@ -167,7 +167,7 @@ DumpResult writeDumpFile(const char *fileName, const CrashEvent &event)
     const HANDLE file = CreateFileW(toWide(fileName).c_str(), GENERIC_WRITE, 0, nullptr,
                                     CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     // Deliberately tested against null only, as the crash routine has always done:
-    // INVALID_HANDLE_VALUE counts as created, and the dump writer's failure reports it.
+    // INVALID_HANDLE_VALUE counts as created. systemError still carries CreateFileW's error.
     if (file == nullptr) {
         result.systemError = static_cast<int>(GetLastError());
         return result;

@@ -138,30 +138,10 @@ void note(const char *key, const std::string &value)
     }
 }
 
-const char *handlerName(Handler handler)
-{
-    switch (handler) {
-    case Handler::Seh:
-        return "Seh";
-    case Handler::SigAbrt:
-        return "SigAbrt";
-    case Handler::Terminate:
-        return "Terminate";
-    case Handler::Unexpected:
-        return "Unexpected";
-    case Handler::PureCall:
-        return "PureCall";
-    case Handler::NewFailure:
-        return "NewFailure";
-    case Handler::SigInt:
-        return "SigInt";
-    case Handler::SigFpe:
-        return "SigFpe";
-    case Handler::InvalidParameter:
-        return "InvalidParameter";
-    }
-    return "?";
-}
+// In the order of KrCrash::Handler.
+const char *const handlerNames[]
+        = {"Seh",        "SigAbrt", "Terminate", "Unexpected",      "PureCall",
+           "NewFailure", "SigInt",  "SigFpe",    "InvalidParameter"};
 
 std::string tagName(const void *tag)
 {
@@ -183,7 +163,7 @@ bool recordingRoutine(const CrashEvent &event)
 {
     static int events = 0;
     ++events;
-    note("event", handlerName(event.handler));
+    note("event", handlerNames[static_cast<int>(event.handler)]);
     if (event.record) {
         note("code", hex(event.record->code, 8));
         note("flags", hex(event.record->flags, 8));
@@ -314,6 +294,21 @@ void floatingPointSignal()
 {
     std::raise(SIGFPE);
     note("returned", "1");
+}
+
+// The filter, called as the system calls it, must let the search go on whatever the routine did.
+void unhandledExceptionFilterCall()
+{
+    const LPTOP_LEVEL_EXCEPTION_FILTER filter = SetUnhandledExceptionFilter(nullptr);
+    CONTEXT context = {};
+    RtlCaptureContext(&context);
+    EXCEPTION_RECORD record = {};
+    record.ExceptionCode = 0xE0000001; // an application's own code
+    record.ExceptionFlags = EXCEPTION_NONCONTINUABLE;
+    record.ExceptionAddress = reinterpret_cast<void *>(context.Rip);
+    EXCEPTION_POINTERS pointers = {&record, &context};
+    if (filter)
+        note("filterResult", show(filter(&pointers)));
 }
 
 // What MSVC's start-up code does with a floating-point fault in the main thread: it hands the
@@ -626,6 +621,16 @@ void checkAccessViolationInWorker(const ChildRun &run)
     CHECK(event.frames.size() >= 2);
 }
 
+void checkUnhandledExceptionFilterResult(const ChildRun &run)
+{
+    if (!CHECK_EQ(show(run.events.size()), "1"))
+        return;
+    CHECK_EQ(run.events[0]["event"], "Seh");
+    CHECK_EQ(run.events[0]["code"], "E0000001");
+    CHECK_EQ(run.events[0]["flags"], "00000001");
+    CHECK_EQ(run.note("filterResult"), show(EXCEPTION_CONTINUE_SEARCH));
+}
+
 void checkIntegerDivideByZero(const ChildRun &run)
 {
     // mingw-w64's start-up code gives the image an exception handler of its own, which passes the
@@ -845,6 +850,8 @@ const ChildCase childCases[] = {
         {"access-violation-in-worker", accessViolationInWorker, checkAccessViolationInWorker},
         {"integer-divide-by-zero", integerDivideByZero, checkIntegerDivideByZero},
         {"illegal-instruction", illegalInstruction, checkIllegalInstruction},
+        {"unhandled-exception-filter-result", unhandledExceptionFilterCall,
+         checkUnhandledExceptionFilterResult},
         {"abort", abortCall, checkAbort, nullptr, true},
         {"terminate", terminateCall, checkTerminate},
         {"unexpected", unexpectedCall, checkUnexpected},
