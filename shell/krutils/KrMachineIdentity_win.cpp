@@ -74,9 +74,9 @@ VolumeInfo rootVolume(const std::string &root)
 
 DiskSize driveSize(const std::string &drive)
 {
-    ULARGE_INTEGER available = {}, total = {}, free = {};
+    ULARGE_INTEGER available = {}, total = {}, freeBytes = {};
     DiskSize size;
-    if (GetDiskFreeSpaceExW(driveRoot(drive).c_str(), &available, &total, &free)) {
+    if (GetDiskFreeSpaceExW(driveRoot(drive).c_str(), &available, &total, &freeBytes)) {
         size.ok = true;
         size.totalBytes = total.QuadPart;
     }
