@@ -27,7 +27,7 @@ packages=(
     libbenchmark-dev                   # bench/
     python3-openpyxl                   # tests: openpyxl reads back the workbooks written
     clang-14 libfuzzer-14-dev          # fuzz/: the workbook reader's fuzzer
-    mingw-w64 wine64                   # tests: the Windows crash layer, cross-built and run under wine
+    mingw-w64 wine64                   # tests: the Windows layers, cross-built and run under wine
 )
 
 missing=()

@@ -32,11 +32,13 @@
 #include <QEventLoop>
 #include <QFile>
 #include <QFileInfo>
+#include <QHostAddress>
 #include <QKeyEvent>
 #include <QLineEdit>
 #include <QMap>
 #include <QMediaPlayer>
 #include <QMutex>
+#include <QNetworkInterface>
 #include <QPointer>
 #include <QReadWriteLock>
 #include <QTemporaryDir>
@@ -392,6 +394,62 @@ void tourParameterFile()
             QStringLiteral("vwap.json"), basic, initial, perform, report, log, monitorUi, createUi);
     say("  A plug-in without its file: praseAlgoParamJsonFile(\"vwap.json\") returned %s\n",
         QString::number(missing));
+}
+
+void tourTerminalInformation()
+{
+    section("12. Terminal information (KrCommonUtils)",
+            "What the client reports about the machine it runs on. The operations were made for\n"
+            "Windows, where a drive is its letter (\"C\"). On Linux a drive is any path on the "
+            "volume, the\nfile system is the mount table's, the serial number is taken from the "
+            "file system's id,\nand the system directory is \"/\".");
+    say("  CPU id (CPUID leaf 1: EDX, then EAX, in hexadecimal): %s\n", KrCommonUtils::getCpuID());
+    auto describeVolume = [](const QString &drive, const char *what) {
+        say("  %s\n", QStringLiteral("the volume of %1 (%2)").arg(drive, QLatin1String(what)));
+        say("    file system:   \"%s\"\n", KrCommonUtils::getDiskFileSysName(drive));
+        say("    serial number: %s\n", KrCommonUtils::getDiskSerialNumber(drive));
+        say("    total size:    %s GiB\n", QString::number(KrCommonUtils::getDiskTotalSize(drive)));
+    };
+    describeVolume(QStringLiteral("/"), "the root");
+    describeVolume(QCoreApplication::applicationDirPath(), "the demo's directory");
+    describeVolume(QStringLiteral("/no/such/volume"),
+                   "no such path: no file system, 0 GiB, and serial 0");
+    say("  system disk flag (the system directory up to its \":\"): %s\n",
+        KrCommonUtils::getSystemDiskFlag());
+    say("  hard disk number (the system volume's serial number in decimal): %s\n",
+        KrCommonUtils::getHardDiskNumer());
+
+    // The host's own address, as the client would know it: its first non-loopback IPv4 one.
+    QString ownAddress = QStringLiteral("127.0.0.1");
+    for (const QHostAddress &address : QNetworkInterface::allAddresses()) {
+        if (address.protocol() == QAbstractSocket::IPv4Protocol && !address.isLoopback()) {
+            ownAddress = address.toString();
+            break;
+        }
+    }
+    say("  MAC address reported for this host's address %s\n",
+        QStringLiteral("%1: %2").arg(ownAddress, KrCommonUtils::get_localmachine_mac(ownAddress)));
+    auto describe = [](const QNetworkInterface &networkInterface) {
+        return QStringLiteral("%1 (%2)").arg(networkInterface.humanReadableName(),
+                                             networkInterface.hardwareAddress());
+    };
+    const QList<QNetworkInterface> interfaces = QNetworkInterface::allInterfaces();
+    QString holder = QStringLiteral("no interface");
+    for (const QNetworkInterface &networkInterface : interfaces) {
+        for (const QNetworkAddressEntry &entry : networkInterface.addressEntries()) {
+            if (entry.ip().toString() == ownAddress)
+                holder = describe(networkInterface);
+        }
+    }
+    if (!interfaces.isEmpty()) {
+        say("    %s\n",
+            QStringLiteral("The address belongs to %1, but the first interface Qt lists is %2:\n"
+                           "    its hardware address is the one reported, deliberately, whichever "
+                           "interface holds the address.")
+                    .arg(holder, describe(interfaces.first())));
+    }
+    say("  MAC address reported for 203.0.113.7, which this host does not have: \"%s\"\n",
+        KrCommonUtils::get_localmachine_mac(QStringLiteral("203.0.113.7")));
 }
 
 // Order requests of three trading desks, sent through one shared token bucket.
@@ -820,7 +878,7 @@ bool writeAlertSound(const QString &fileName, double frequency, int milliseconds
 
 void tourAlertSounds()
 {
-    section("12. Alert sounds (KrMediaPlayer)",
+    section("13. Alert sounds (KrMediaPlayer)",
             "An order fill is announced twice in a row, then a price alert and a sound that was "
             "never\ninstalled. The player works on its own thread \"KrMediaPlayer\": the first "
             "request starts the\nfill sound, the repeat while it plays is dropped, the price "
@@ -1095,6 +1153,7 @@ int main(int argc, char **argv)
     tourTreeModel();
     tourWorkbooks();
     tourMonitorLog();
+    tourTerminalInformation();
     tourAlertSounds();
     say("\nDone. The monitors stop with the process.\n"
         "To see the crash handlers at work: krdemo crash <kind> (krdemo crash help lists the "

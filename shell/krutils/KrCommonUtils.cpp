@@ -1,6 +1,8 @@
 #include "KrCommonUtils.h"
 
+#include "KrIdentityFormat_p.h"
 #include "KrLogging_p.h"
+#include "KrMachineIdentity_p.h"
 #include "KrVariantCompare_p.h"
 
 #include <krdefine/krdefine.h>
@@ -9,8 +11,10 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QGuiApplication>
+#include <QHostAddress>
 #include <QJsonDocument>
 #include <QMultiHash>
+#include <QNetworkInterface>
 #include <QPixmap>
 #include <QScreen>
 #include <QSet>
@@ -865,4 +869,119 @@ QString KrCommonUtils::getMyTipString(const QString &text)
             wrapped.append(QLatin1Char('\n'));
     }
     return wrapped;
+}
+
+// --- Machine identity ------------------------------------------------------------------------
+
+QString KrIdentityFormat::cpuId(quint32 eax, quint32 edx)
+{
+    return QString::number(edx, 16).toUpper() + QString::number(eax, 16).toUpper();
+}
+
+QString KrIdentityFormat::volumeSerial(quint32 serial)
+{
+    // QString::insert() past the end would pad with spaces; a short serial keeps its one dash
+    // right after its digits instead.
+    QString text = QString::number(serial, 16).toUpper();
+    text.insert(qMin(4, text.size()), QLatin1Char('-'));
+    return text;
+}
+
+QString KrIdentityFormat::decimalSerial(quint32 serial)
+{
+    return QString::number(serial);
+}
+
+long KrIdentityFormat::wholeGiB(quint64 bytes)
+{
+    return static_cast<long>(bytes >> 30);
+}
+
+QString KrIdentityFormat::fileSystemName(const QString &reported)
+{
+    QString name = reported;
+    name.remove(QLatin1Char('"'));
+    name.remove(QLatin1Char('\''));
+    return name;
+}
+
+QString KrIdentityFormat::systemDiskFlag(const QString &systemDirectory)
+{
+    return systemDirectory.left(systemDirectory.indexOf(QLatin1Char(':')));
+}
+
+QString KrIdentityFormat::firstInterfaceMac(const QStringList &interfaceHardwareAddresses,
+                                            const QStringList &hostAddresses, const QString &ip)
+{
+    // Each interface in turn would be asked whether ip is among the host's addresses, all of
+    // them, not its own: so either the first one answers, or none does.
+    if (ip.isEmpty() || interfaceHardwareAddresses.isEmpty() || !hostAddresses.contains(ip))
+        return QString();
+    QString mac = interfaceHardwareAddresses.first();
+    mac.remove(QLatin1Char(':'));
+    return mac;
+}
+
+namespace {
+std::string toSystemText(const QString &text)
+{
+    return text.toUtf8().toStdString();
+}
+QString fromSystemText(const std::string &text)
+{
+    return QString::fromUtf8(text.data(), static_cast<int>(text.size()));
+}
+} // namespace
+
+QString KrCommonUtils::getCpuID()
+{
+    const KrMachine::CpuSignature signature = KrMachine::cpuSignature();
+    return signature.ok ? KrIdentityFormat::cpuId(signature.eax, signature.edx) : QString();
+}
+
+QString KrCommonUtils::getDiskFileSysName(QString drive)
+{
+    const KrMachine::VolumeInfo volume = KrMachine::driveVolume(toSystemText(drive));
+    return volume.ok ? KrIdentityFormat::fileSystemName(fromSystemText(volume.fileSystemName))
+                     : QString();
+}
+
+QString KrCommonUtils::getDiskSerialNumber(QString drive)
+{
+    return KrIdentityFormat::volumeSerial(KrMachine::driveVolume(toSystemText(drive)).serialNumber);
+}
+
+long KrCommonUtils::getDiskTotalSize(QString drive)
+{
+    const KrMachine::DiskSize size = KrMachine::driveSize(toSystemText(drive));
+    return size.ok ? KrIdentityFormat::wholeGiB(size.totalBytes) : 0;
+}
+
+QString KrCommonUtils::getHardDiskNumer()
+{
+    const KrMachine::SystemDirectory directory = KrMachine::systemDirectory(512);
+    if (!directory.ok)
+        return QString();
+    const QString root = fromSystemText(directory.path).left(3); // "C:\" ("/" on Linux)
+    return KrIdentityFormat::decimalSerial(KrMachine::rootVolume(toSystemText(root)).serialNumber);
+}
+
+QString KrCommonUtils::getSystemDiskFlag()
+{
+    const KrMachine::SystemDirectory directory = KrMachine::systemDirectory(260);
+    return directory.ok ? KrIdentityFormat::systemDiskFlag(fromSystemText(directory.path))
+                        : QString();
+}
+
+QString KrCommonUtils::get_localmachine_mac(QString ip)
+{
+    if (ip.isEmpty())
+        return QString();
+    QStringList hardwareAddresses;
+    for (const QNetworkInterface &networkInterface : QNetworkInterface::allInterfaces())
+        hardwareAddresses << networkInterface.hardwareAddress();
+    QStringList hostAddresses;
+    for (const QHostAddress &address : QNetworkInterface::allAddresses())
+        hostAddresses << address.toString();
+    return KrIdentityFormat::firstInterfaceMac(hardwareAddresses, hostAddresses, ip);
 }

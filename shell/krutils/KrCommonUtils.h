@@ -186,6 +186,58 @@ public:
     // Long tooltip text with a line feed after the character at each non-zero index that is a
     // multiple of 100 (first line 101 characters, then 100); text of up to 100 characters as is.
     static QString getMyTipString(const QString &text);
+
+    // --- Machine identity --------------------------------------------------------------------
+    //
+    // Facts of the local machine that the client reports as its terminal information. Every
+    // call asks the system afresh.
+    //
+    // On Windows a drive argument is a drive letter ("C"), to which ":" is appended ("C:", no
+    // backslash). Linux has no drive letters, volume serial numbers or system directory, and the
+    // operations map as follows:
+    // - a drive argument is a path, used as it is (nothing appended): a mount point or any path
+    //   on the volume, a relative one from the working directory, symbolic links followed;
+    // - the file-system name is the type that the mount table (/proc/self/mountinfo) gives for
+    //   the mount that holds the path, the one with the longest mount point on its way ("ext4",
+    //   "tmpfs", "overlay", "fuse.sshfs");
+    // - the serial number is the first of the two 32-bit words of statfs's f_fsid, the low half
+    //   of the kernel's id of the file system: on ext4 and xfs derived from the UUID written at
+    //   format time (the nearest thing to a Windows volume serial), elsewhere mostly from the
+    //   device number, which that word holds whole. `stat -f -c %i <path>` shows it as the high
+    //   half of its hexadecimal number (the digits before the last eight);
+    // - the total size is statvfs's f_blocks * f_frsize;
+    // - the system directory is "/", so getSystemDiskFlag() returns "/" and getHardDiskNumer()
+    //   the root file system's serial number in decimal.
+
+    // CPUID leaf 1 (EAX = 1, ECX = 0): EDX, then EAX, each as upper-case hexadecimal without
+    // leading zeros, nothing between ("178BFBFF" + "A20F12"). Empty on a processor without CPUID
+    // (not x86).
+    static QString getCpuID();
+    // The file-system name of the drive's volume ("NTFS", "ext4") without any double quote or
+    // apostrophe; empty when the volume cannot be queried.
+    static QString getDiskFileSysName(QString drive);
+    // The drive's volume serial number as upper-case hexadecimal without zero padding, with "-"
+    // after the fourth digit: 0x1A2B3C4D gives "1A2B-3C4D", 0xA2B3C4D "A2B3-C4D", 0x1234
+    // "1234-". A serial of fewer than four digits has the dash after its last one (0x12 gives
+    // "12-"). The query's success is not looked at: a volume that cannot be queried reads as
+    // serial 0, "0-".
+    static QString getDiskSerialNumber(QString drive);
+    // The drive's total size in whole GiB (bytes >> 30, rounded down: 500,000,000,000 bytes give
+    // 465); 0 when the volume cannot be queried.
+    static long getDiskTotalSize(QString drive);
+    // The serial number, in decimal, of the volume whose root is the first three characters of
+    // the system directory ("C:\"); empty when the system directory cannot be read, "0" when
+    // that volume cannot be queried.
+    static QString getHardDiskNumer();
+    // The system directory up to its first ":" ("C"), the whole directory when it has none ("/"
+    // on Linux); empty when the system directory cannot be read.
+    static QString getSystemDiskFlag();
+    // The hardware address, without colons ("AABBCCDDEEFF"), of the first interface that
+    // QNetworkInterface::allInterfaces() lists, when ip (compared as text, case-sensitive, with
+    // QHostAddress::toString()) is one of the host's addresses (QNetworkInterface::allAddresses());
+    // empty otherwise, and for an empty ip. Deliberately the first interface, whichever holds
+    // ip: a machine reports one address whichever of its own addresses the caller knows.
+    static QString get_localmachine_mac(QString ip);
 };
 
 #endif // KRCOMMONUTILS_H

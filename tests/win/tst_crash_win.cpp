@@ -11,6 +11,7 @@
 #include "CompleteExceptionHandler_p.h"
 #include "CrashHandler_p.h"
 #include "CrashHandler_win_p.h"
+#include "WinTestChecks.h"
 
 #include <windows.h>
 
@@ -41,48 +42,7 @@ extern "C" int __cdecl _callnewh(size_t size); // msvcrt's: what operator new ca
 
 namespace {
 
-// ---- Checks
-
-int failedChecks = 0;
-
-std::string show(const std::string &text)
-{
-    return '"' + text + '"';
-}
-std::string show(const char *text)
-{
-    return text ? show(std::string(text)) : "null";
-}
-template<typename T> std::string show(const T &value)
-{
-    std::ostringstream out;
-    out << value;
-    return out.str();
-}
-
-bool check(bool ok, const char *what, int line)
-{
-    if (!ok) {
-        ++failedChecks;
-        std::printf("    check failed, line %d: %s\n", line, what);
-    }
-    return ok;
-}
-
-template<typename A, typename B>
-bool checkEqual(const A &actual, const B &expected, const char *what, int line)
-{
-    if (actual == expected)
-        return true;
-    ++failedChecks;
-    std::printf("    check failed, line %d: %s\n      actual:   %s\n      expected: %s\n", line,
-                what, show(actual).c_str(), show(expected).c_str());
-    return false;
-}
-
-#define CHECK(condition) check((condition), #condition, __LINE__)
-#define CHECK_EQ(actual, expected)                                                                 \
-    checkEqual((actual), (expected), #actual " == " #expected, __LINE__)
+using namespace WinTest;
 
 std::string hex(uint64_t value, int digits)
 {
@@ -880,14 +840,6 @@ int runAsChild(const char *name)
     }
     std::fprintf(stderr, "unknown case %s\n", name);
     return 2;
-}
-
-bool report(const char *name, int failedBefore)
-{
-    const bool passed = failedChecks == failedBefore;
-    std::printf("%s %s\n", passed ? "PASS" : "FAIL", name);
-    std::fflush(stdout);
-    return passed;
 }
 
 } // namespace
