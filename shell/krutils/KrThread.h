@@ -9,7 +9,10 @@
 //
 // A KrThread announces its start and its end in the debug log, under its object name, and
 // prepares the new thread (slotInitThreadData) inside that thread before the thread runs any
-// queued call of the objects moved into it. Every long-lived service of the library runs on one.
+// queued call of the objects moved into it: it installs the thread's crash handlers
+// (set_thread_exception_handlers(), which also gives the thread an alternate signal stack on
+// Linux, so that a stack overflow there is reported). Every long-lived service of the library
+// runs on one.
 //
 // Create it without a parent, name it with setObjectName() and start it; objects moved into it
 // run their queued slots and timers there:

@@ -115,7 +115,8 @@ NOINLINE void crashInsideMalloc()
     });
     char *block = static_cast<char *>(std::malloc(0x10000));
     // The chunk after the block is the heap's top; give it an impossible size.
-    size_t *volatile topChunk = reinterpret_cast<size_t *>(block + 0x10000); // hidden from the compiler
+    size_t *volatile topChunk
+            = reinterpret_cast<size_t *>(block + 0x10000); // hidden from the compiler
     topChunk[1] = ~size_t(0xF);
     void *more = std::malloc(0x18000);
     sink = more != nullptr;
