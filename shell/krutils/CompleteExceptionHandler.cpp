@@ -19,29 +19,37 @@ namespace {
 // How long the routine waits for the appender thread to have written a record.
 constexpr int RecordWriteTimeoutMs = 3000;
 
-const char *handlerFunctionName(KrCrash::Handler handler)
+// The handler a kind of event stands for: its function name, which begins its log line, and its
+// text.
+struct HandlerNames
+{
+    const char *function;
+    const char *text;
+};
+
+HandlerNames namesOf(KrCrash::Handler handler)
 {
     switch (handler) {
     case KrCrash::Handler::Seh:
-        return "catched_seh_handler";
+        break;
     case KrCrash::Handler::SigAbrt:
-        return "catched_sigabrt_handler";
+        return {"catched_sigabrt_handler", "catch signal abort exception"};
     case KrCrash::Handler::Terminate:
-        return "catched_terminate_handler";
+        return {"catched_terminate_handler", "catch terminate exception"};
     case KrCrash::Handler::Unexpected:
-        return "catched_unexpected_handler";
+        return {"catched_unexpected_handler", "catch unexpected exception"};
     case KrCrash::Handler::PureCall:
-        return "catched_pure_call_handler";
+        return {"catched_pure_call_handler", "catch pure call exception"};
     case KrCrash::Handler::NewFailure:
-        return "catched_new_handler";
+        return {"catched_new_handler", "catch new exception"};
     case KrCrash::Handler::SigInt:
-        return "catched_sigint_handler";
+        return {"catched_sigint_handler", "catch signal int exception"};
     case KrCrash::Handler::SigFpe:
-        return "catched_sigfpe_handler";
+        return {"catched_sigfpe_handler", "catch signal fpe exception"};
     case KrCrash::Handler::InvalidParameter:
-        return "catched_invalid_parameter_handler";
+        return {"catched_invalid_parameter_handler", "catch invalid parameter exception"};
     }
-    return "catched_seh_handler";
+    return {"catched_seh_handler", "catch seh exception"};
 }
 
 // The layer's own lines (the stack walk's) go to the library's log like every other line.
@@ -161,27 +169,7 @@ namespace KrCrashRoutine {
 
 QString handlerText(KrCrash::Handler handler)
 {
-    switch (handler) {
-    case KrCrash::Handler::Seh:
-        return QStringLiteral("catch seh exception");
-    case KrCrash::Handler::SigAbrt:
-        return QStringLiteral("catch signal abort exception");
-    case KrCrash::Handler::Terminate:
-        return QStringLiteral("catch terminate exception");
-    case KrCrash::Handler::Unexpected:
-        return QStringLiteral("catch unexpected exception");
-    case KrCrash::Handler::PureCall:
-        return QStringLiteral("catch pure call exception");
-    case KrCrash::Handler::NewFailure:
-        return QStringLiteral("catch new exception");
-    case KrCrash::Handler::SigInt:
-        return QStringLiteral("catch signal int exception");
-    case KrCrash::Handler::SigFpe:
-        return QStringLiteral("catch signal fpe exception");
-    case KrCrash::Handler::InvalidParameter:
-        return QStringLiteral("catch invalid parameter exception");
-    }
-    return QString();
+    return QString::fromLatin1(namesOf(handler).text);
 }
 
 QString description(const KrCrash::CrashEvent &event)
@@ -208,7 +196,7 @@ bool handleEvent(const KrCrash::CrashEvent &event)
     // Log lines name their thread; the reporting thread is a plain one that Qt adopts.
     if (!event.inCrashingThread && QThread::currentThread()->objectName().isEmpty())
         QThread::currentThread()->setObjectName(QStringLiteral("KrCrashReporter"));
-    const char *function = handlerFunctionName(event.handler);
+    const char *function = namesOf(event.handler).function;
     if (lcKrutils().isWarningEnabled())
         QMessageLogger("shell/krutils/CompleteExceptionHandler", 0, function,
                        lcKrutils().categoryName())
