@@ -3,7 +3,7 @@
 //
 //     build/default/bench/krbench_records [--rows=N] [Google Benchmark flags]
 
-#include "../tests/KrFilterReference.h"
+#include "../tests/records/KrFilterReference.h"
 #include "KrBlotter.h"
 
 #include <krdefine/krdefine.h>

@@ -17,7 +17,7 @@
 
 #include "KrBenchSupport.h"
 
-#include <KrXlsxWriter_p.h>
+#include "workbook/KrXlsxWriter_p.h"
 #include <krutils/KrExportExcelFile.h>
 #include <krutils/KrParseInportExcelFile.h>
 

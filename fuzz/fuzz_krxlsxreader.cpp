@@ -1,6 +1,6 @@
 // libFuzzer entry of the workbook reader: the input is the file. It is opened from memory and
 // every sheet is read; any crash, leak, hang or runaway allocation is a finding.
-#include "KrXlsxReader_p.h"
+#include "workbook/KrXlsxReader_p.h"
 
 #include <QBuffer>
 

@@ -2,8 +2,8 @@
 // handlers. Run by tst_krcrash in a child process; prints what the test needs to know on stdout
 // before crashing ("pid <n>").
 
-#include <CompleteExceptionHandler.h>
-#include <KrThread.h>
+#include <krutils/CompleteExceptionHandler.h>
+#include <krutils/KrThread.h>
 
 #include <QCoreApplication>
 #include <QThread>
