@@ -4,14 +4,19 @@
 #
 #   ./setup.sh            set up and build (preset "default")
 #   ./setup.sh demo       ... then run the demo program
-#   ./setup.sh test       ... then run the whole test suite
+#   ./setup.sh test       ... then run the whole test suite (preset "dev": warnings are errors,
+#                             assertions on)
 #   ./setup.sh bench      ... then run the benchmarks
-#   KRUTILS_PRESET=asan ./setup.sh test    the same with another preset (default, debug, asan)
+#   KRUTILS_PRESET=asan ./setup.sh test    the same with another preset (default, debug, asan, dev)
 set -euo pipefail
 cd "$(dirname "$0")"
 
 action=${1:-build}
-preset=${KRUTILS_PRESET:-default}
+if [ "$action" = test ]; then
+    preset=${KRUTILS_PRESET:-dev}
+else
+    preset=${KRUTILS_PRESET:-default}
+fi
 
 packages=(
     cmake ninja-build g++ pkg-config   # build

@@ -966,8 +966,8 @@ void typeKey(QWidget *target, Qt::Key key, Qt::KeyboardModifiers modifiers, cons
             {Qt::AltModifier, Qt::Key_Alt},
             {Qt::MetaModifier, Qt::Key_Meta}};
     auto send = [target](QEvent::Type type, Qt::Key sent, Qt::KeyboardModifiers held,
-                         const QString &text) {
-        QKeyEvent event(type, sent, held, text);
+                         const QString &sentText) {
+        QKeyEvent event(type, sent, held, sentText);
         QCoreApplication::sendEvent(target, &event);
     };
     for (const auto &modifier : modifierKeys) {
@@ -1055,12 +1055,15 @@ __attribute__((noinline)) void writeThroughNull()
     *nowhere = 1;
 }
 
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winfinite-recursion" // endless on purpose
 __attribute__((noinline)) int recurseForever(int depth)
 {
     volatile char frame[512];
     frame[depth % sizeof frame] = 1;
     return recurseForever(depth + 1) + frame[0];
 }
+#pragma GCC diagnostic pop
 
 __attribute__((noinline)) void throwUncaught()
 {

@@ -20,63 +20,63 @@ qint64 available(qint64 tokens)
 } // namespace
 
 KrTokenBucket::KrTokenBucket(int capacity, int refillCount, QObject *parent)
-    : QObject(parent), capacity(capacity), tokens(capacity), refillCount(refillCount),
-      refillTimer(new QTimer(this))
+    : QObject(parent), m_capacity(capacity), m_tokens(capacity), m_refillCount(refillCount),
+      m_refillTimer(new QTimer(this))
 {
-    refillTimer->setInterval(1000);
-    connect(refillTimer, &QTimer::timeout, this, &KrTokenBucket::slotRefillTokens);
+    m_refillTimer->setInterval(1000);
+    connect(m_refillTimer, &QTimer::timeout, this, &KrTokenBucket::slotRefillTokens);
 }
 
 KrTokenBucket::~KrTokenBucket()
 {
-    if (refillTimer->isActive())
-        refillTimer->stop();
+    if (m_refillTimer->isActive())
+        m_refillTimer->stop();
 }
 
 int KrTokenBucket::consumeTokens(int count)
 {
     qint64 before;
     if (count > 0) {
-        before = tokens.fetch_sub(count);
+        before = m_tokens.fetch_sub(count);
         if (before < debtLimit) {
             qint64 debt = before - count;
-            while (debt < 0 && !tokens.compare_exchange_weak(debt, 0)) { }
+            while (debt < 0 && !m_tokens.compare_exchange_weak(debt, 0)) { }
         }
     } else {
         // Taking nothing or a negative count puts tokens back, even beyond the capacity: the
         // new count starts from the tokens available, not from a debt.
-        before = tokens.load();
-        while (!tokens.compare_exchange_weak(before, available(before) - count)) { }
+        before = m_tokens.load();
+        while (!m_tokens.compare_exchange_weak(before, available(before) - count)) { }
     }
-    if (!refillPending.load() && !refillPending.exchange(true))
+    if (!m_refillPending.load() && !m_refillPending.exchange(true))
         QMetaObject::invokeMethod(this, &KrTokenBucket::slotStartRefillTimer, Qt::AutoConnection);
     return int(std::min<qint64>(available(before), count));
 }
 
 int KrTokenBucket::tryConsumeTokens(int count)
 {
-    return int(std::min<qint64>(available(tokens.load()), count));
+    return int(std::min<qint64>(available(m_tokens.load()), count));
 }
 
 void KrTokenBucket::slotStartRefillTimer()
 {
-    if (refillTimer->isActive())
+    if (m_refillTimer->isActive())
         return;
     krDebug(KrTokenBucket) << "token bucket start refill";
-    refillTimer->start();
+    m_refillTimer->start();
 }
 
 void KrTokenBucket::slotRefillTokens()
 {
-    qint64 current = tokens.load();
+    qint64 current = m_tokens.load();
     for (;;) {
         // A full bucket (after consumeTokens(0), or raised by a negative count) keeps its
         // timer: the next take that lowers it then needs no start request.
-        if (available(current) >= capacity)
+        if (available(current) >= m_capacity)
             return;
-        const qint64 next = available(current) + refillCount;
-        if (next < capacity) {
-            if (!tokens.compare_exchange_weak(current, next))
+        const qint64 next = available(current) + m_refillCount;
+        if (next < m_capacity) {
+            if (!m_tokens.compare_exchange_weak(current, next))
                 continue;
             emit signalTokenCountRenew();
             return;
@@ -84,11 +84,11 @@ void KrTokenBucket::slotRefillTokens()
         // Cleared before the bucket is seen full, so that a take after the swap finds the
         // flag down and asks for the timer again; that request runs after this slot has
         // stopped the timer.
-        refillPending.store(false);
-        if (tokens.compare_exchange_weak(current, capacity))
+        m_refillPending.store(false);
+        if (m_tokens.compare_exchange_weak(current, m_capacity))
             break;
     }
     krDebug(KrTokenBucket) << "token bucket refilled";
-    refillTimer->stop();
+    m_refillTimer->stop();
     emit signalTokenCountRenew();
 }

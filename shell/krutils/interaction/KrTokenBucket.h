@@ -55,18 +55,18 @@ private Q_SLOTS:
 private:
     Q_DISABLE_COPY(KrTokenBucket)
 
-    const int capacity;
+    const int m_capacity;
     // The tokens available, or a debt below zero that counts as none. A take pays with one
     // atomic subtraction (two request senders meeting on a mutex would cost each other several
     // times an uncontended lock); refills and takes of zero or fewer tokens swap in the new
     // count with compare-and-swap.
-    std::atomic<qint64> tokens;
-    const int refillCount;
-    QTimer *const refillTimer;
+    std::atomic<qint64> m_tokens;
+    const int m_refillCount;
+    QTimer *const m_refillTimer;
     // A start of the refill timer was requested and the bucket has not been full since, so the
     // timer runs or is about to. Takers then skip the request, which from another thread would
     // cost a queued call each; a refill that fills the bucket clears it before its last swap.
-    std::atomic<bool> refillPending {false};
+    std::atomic<bool> m_refillPending {false};
 };
 
 #endif // KRTOKENBUCKET_H

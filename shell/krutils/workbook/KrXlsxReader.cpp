@@ -510,9 +510,9 @@ struct KrXlsxReader::Private
         QString problem; // why it cannot be read, found at open()
     };
 
-    bool fail(const QString &error)
+    bool fail(const QString &message)
     {
-        this->error = error;
+        error = message;
         return false;
     }
     bool openWorkbook(QIODevice *device);
@@ -521,10 +521,10 @@ struct KrXlsxReader::Private
     // Reads a part through `parse`, which gets the reader positioned at the document element.
     // When `parse` sets *stopped, the rest of the part is left unread.
     bool readPart(const QString &name, qint64 limit,
-                  const std::function<bool(KrXmlPullReader &)> &parse, QString *error,
+                  const std::function<bool(KrXmlPullReader &)> &parse, QString *problem,
                   const bool *stopped = nullptr);
     bool readRelationships(const QString &part, QHash<QString, Relationship> *relationships,
-                           QString *error);
+                           QString *problem);
     bool readWorkbook(const QString &part);
     bool readStyles(const QString &part);
     bool readSharedStrings(const QString &part);
@@ -583,39 +583,39 @@ const KrZipEntryReader::Entry *KrXlsxReader::Private::entry(const QString &name)
 
 bool KrXlsxReader::Private::readPart(const QString &name, qint64 limit,
                                      const std::function<bool(KrXmlPullReader &)> &parse,
-                                     QString *error, const bool *stopped)
+                                     QString *problem, const bool *stopped)
 {
     const KrZipEntryReader::Entry *zipEntry = entry(name);
     if (!zipEntry) {
-        *error = QStringLiteral("%1 is missing").arg(name);
+        *problem = QStringLiteral("%1 is missing").arg(name);
         return false;
     }
     KrZipEntryReader part(zip, &budget);
     if (!part.open(*zipEntry, limit)) {
-        *error = QStringLiteral("%1 cannot be read: %2").arg(zipEntry->name, part.errorString());
+        *problem = QStringLiteral("%1 cannot be read: %2").arg(zipEntry->name, part.errorString());
         return false;
     }
     KrXmlPullReader xml(part);
     const bool parsed = nextChild(xml, 0) && parse(xml);
     if (xml.hasError() || (parsed && !(stopped && *stopped) && !readToEnd(xml))) {
-        *error = QStringLiteral("%1: %2").arg(zipEntry->name, xml.errorString());
+        *problem = QStringLiteral("%1: %2").arg(zipEntry->name, xml.errorString());
         return false;
     }
-    if (!parsed && error->isEmpty())
-        *error = QStringLiteral("%1: malformed document").arg(zipEntry->name);
+    if (!parsed && problem->isEmpty())
+        *problem = QStringLiteral("%1: malformed document").arg(zipEntry->name);
     return parsed;
 }
 
 bool KrXlsxReader::Private::readRelationships(const QString &part,
                                               QHash<QString, Relationship> *relationships,
-                                              QString *error)
+                                              QString *problem)
 {
     const QString relsPart = relationshipsPartOf(part);
     return readPart(
             relsPart, MaxOtherPartSize,
             [&](KrXmlPullReader &xml) {
                 if (!xml.isElement(Ns::PackageRels, "Relationships")) {
-                    *error = QStringLiteral("%1 holds no relationships").arg(relsPart);
+                    *problem = QStringLiteral("%1 holds no relationships").arg(relsPart);
                     return false;
                 }
                 while (nextChild(xml, 1)) {
@@ -632,7 +632,7 @@ bool KrXlsxReader::Private::readRelationships(const QString &part,
                 }
                 return !xml.hasError();
             },
-            error);
+            problem);
 }
 
 bool KrXlsxReader::Private::readWorkbook(const QString &part)
@@ -923,14 +923,14 @@ bool KrXlsxReader::Private::readSheetData(KrXmlPullReader &xml,
             switch (type) {
             case Number:
                 if (hasValue) {
-                    double number = 0;
-                    if (!parseNumber(text, &number))
+                    double parsed = 0;
+                    if (!parseNumber(text, &parsed))
                         return cellError(
                                 QStringLiteral("a malformed number '%1'").arg(fromUtf8(text)));
                     if (hasStyle && style < dateStyles.size() && dateStyles[style])
-                        cellValue = dateTimeFromSerial(number, date1904);
+                        cellValue = dateTimeFromSerial(parsed, date1904);
                     else
-                        cellValue = number;
+                        cellValue = parsed;
                 }
                 break;
             case SharedString:
