@@ -24,7 +24,7 @@
 
 // Under the sanitizer build the crashes must still happen for real, not be caught by
 // UndefinedBehaviorSanitizer's checks first.
-#define NOINLINE __attribute__((noinline, no_sanitize_undefined))
+#define NOINLINE __attribute__((noinline, no_sanitize("undefined")))
 
 namespace {
 
