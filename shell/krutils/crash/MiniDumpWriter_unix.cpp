@@ -18,6 +18,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 
 namespace KrCrash {
 
@@ -42,13 +43,13 @@ struct Region
 };
 
 // ---------------------------------------------------------------------------------------------
-// The writer's state, all of it here, in static storage with internal linkage. It must stay in
-// this one unit: a dump is written while the process may be broken (inside malloc, with any lock
-// held, on a small alternate stack), so nothing can be allocated and the tables (over a megabyte)
-// cannot live on a stack; writeMiniDump() starts all of it afresh on every call, and the rule
-// that only one call runs at a time (which the caller guarantees) covers it whole. No other unit
-// can reach it while a dump is written; the classes of the other units only work on the
-// instances they are given here.
+// The writer's state: all of it in static storage with internal linkage, and all of it in this
+// unit. A dump is written while the process may be broken (inside malloc, with any lock held, on
+// a small alternate stack), so nothing may be allocated, and the tables (over a megabyte) do not
+// fit on a stack. Kept together, it is started afresh in one place (writeMiniDump()) and covered
+// by one rule: one call at a time, which the caller guarantees. MiniDumpFile and ProcessMemoryMap
+// are trivial types whose only instances live here: no constructor runs before a crash, and no
+// other unit can touch them while a dump is written.
 
 struct State
 {
@@ -63,8 +64,10 @@ MiniDumpFile file;
 ProcessMemoryMap process;
 Region regions[MaxMappings];
 MdContextAmd64 context;
-char chunk[64 * 1024]; // streamed files
+char chunk[64 * 1024]; // streamed files, batches of the memory info list
 char text[1024]; // short texts: the CSD version, paths
+static_assert(std::is_trivial_v<MiniDumpFile> && std::is_trivial_v<ProcessMemoryMap>,
+              "static state that no constructor sets up");
 
 // ---------------------------------------------------------------------------------------------
 // The context, the exception and the process.
