@@ -57,11 +57,13 @@
 
 extern char **environ;
 
-// The linker's bounds of the crashing functions' sections.
+// The linker's bounds of the crashing functions' sections, and the program's own ELF header (its
+// lowest address).
 extern "C" {
 extern const char __start_krmd_nullwrite[], __stop_krmd_nullwrite[];
 extern const char __start_krmd_overflow[], __stop_krmd_overflow[];
 extern const char __start_krmd_requested[], __stop_krmd_requested[];
+extern const char __ehdr_start[] __attribute__((visibility("hidden")));
 }
 
 namespace {
@@ -76,9 +78,8 @@ const char MainThreadName[] = "krmd-main";
 const char OverflowThreadName[] = "krmd-\xC3\xBC"
                                   "ber\xF0\x9D\x84\x9E";
 // An ELF file that the child maps executable below the program, so that the program is not the
-// lowest module; and where.
+// lowest module.
 const char DecoyModule[] = "/usr/bin/true";
-const uintptr_t DecoyAddress = 0x100000000;
 
 // =============================================================================================
 // The child.
@@ -89,6 +90,7 @@ char dumpPath[4096];
 char resultPath[4096];
 char sidePath[4096];
 char *heapBlock;
+uintptr_t decoyAddress;
 bool sandboxed; // process_vm_readv() refused
 int *volatile nullTarget = nullptr;
 volatile bool keepRecursing = true;
@@ -188,6 +190,7 @@ void writeSideFile(const void *functionStart, const void *functionEnd, const voi
     std::fprintf(file, "function_end=%llu\n", (unsigned long long)(uintptr_t)functionEnd);
     std::fprintf(file, "heap_marker=%llu\n", (unsigned long long)(uintptr_t)(heapBlock + 100));
     std::fprintf(file, "stack_marker=%llu\n", (unsigned long long)(uintptr_t)stackMarker);
+    std::fprintf(file, "decoy=%llu\n", (unsigned long long)decoyAddress);
     std::fprintf(file, "sandboxed=%d\n", sandboxed ? 1 : 0);
     std::fclose(file);
 }
@@ -259,6 +262,35 @@ bool refuseProcessVmReadv()
     return process_vm_readv(getpid(), &local, 1, &remote, 1, 0) < 0 && errno == EPERM;
 }
 
+// The top of the highest free range of `length` bytes below the program. No fixed address will
+// do: under the sanitizers their shadow memory takes low ranges.
+uintptr_t freeRangeBelowProgram(uintptr_t length)
+{
+    unsigned long long lowest = 65536;
+    if (FILE *minimum = std::fopen("/proc/sys/vm/mmap_min_addr", "r")) {
+        if (std::fscanf(minimum, "%llu", &lowest) != 1)
+            lowest = 65536;
+        std::fclose(minimum);
+    }
+    FILE *maps = std::fopen("/proc/self/maps", "r");
+    if (!maps)
+        return 0;
+    const uintptr_t program = reinterpret_cast<uintptr_t>(__ehdr_start);
+    uintptr_t freeFrom = uintptr_t(lowest);
+    uintptr_t found = 0;
+    unsigned long long start, end;
+    while (std::fscanf(maps, "%llx-%llx%*[^\n]", &start, &end) == 2) {
+        const uintptr_t gapEnd = start < program ? uintptr_t(start) : program;
+        if (gapEnd >= freeFrom + length)
+            found = gapEnd - length;
+        if (start >= program)
+            break;
+        freeFrom = qMax(freeFrom, uintptr_t(end));
+    }
+    std::fclose(maps);
+    return found;
+}
+
 int run(const char *kind, const char *directory)
 {
     // No core file: the parent only wants the minidump.
@@ -269,9 +301,10 @@ int run(const char *kind, const char *directory)
     std::snprintf(sidePath, sizeof sidePath, "%s/side.txt", directory);
     pthread_setname_np(pthread_self(), MainThreadName);
 
+    decoyAddress = freeRangeBelowProgram(4096);
     const int decoy = open(DecoyModule, O_RDONLY | O_CLOEXEC);
-    if (decoy < 0
-        || mmap(reinterpret_cast<void *>(DecoyAddress), 4096, PROT_READ | PROT_EXEC,
+    if (decoy < 0 || decoyAddress == 0
+        || mmap(reinterpret_cast<void *>(decoyAddress), 4096, PROT_READ | PROT_EXEC,
                 MAP_PRIVATE | MAP_FIXED_NOREPLACE, decoy, 0)
                 == MAP_FAILED)
         std::perror(DecoyModule);
@@ -663,10 +696,11 @@ void tst_MiniDumpWriter::dumpOfChild()
     QCOMPARE(libc->buildId.toHex(), libcBuildId.toHex());
     QVERIFY(vdso);
     // The decoy lies below the program, yet the program came first.
-    const MiniDumpReader::Module *decoy = dump.moduleAt(DecoyAddress);
+    const quint64 decoyAddress = run.side.value(QStringLiteral("decoy"));
+    const MiniDumpReader::Module *decoy = dump.moduleAt(decoyAddress);
     QVERIFY(decoy);
     QCOMPARE(decoy->name, QString::fromLatin1(DecoyModule));
-    QCOMPARE(decoy->base, quint64(DecoyAddress));
+    QCOMPARE(decoy->base, decoyAddress);
     QCOMPARE(decoy->buildId.toHex(), buildIdOfFile(QString::fromLatin1(DecoyModule)).toHex());
     QVERIFY(decoy->base < main.base);
     QVERIFY(maps.contains(program.toUtf8()));

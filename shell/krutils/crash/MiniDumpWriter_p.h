@@ -4,12 +4,15 @@
 // Internal, Linux (x86-64) only, free of Qt: the minidump writer of the crash interception (see
 // CompleteExceptionHandler_p.h). It writes the calling process as a minidump file in the MDMP
 // format of Windows' MiniDumpWriteDump, with the conventions that Breakpad-style readers
-// (minidump_stackwalk, minidump_dump, ...) expect for a Linux process.
+// (minidump_stackwalk, minidump_dump, ...) expect for a Linux process. Its parts: the file's
+// layout (MiniDumpFormat_p.h), the output (MiniDumpFile_unix_p.h), the process's mappings and
+// modules (ProcessMemoryMap_unix_p.h), and the streams with the writer's state
+// (MiniDumpWriter_unix.cpp).
 //
 // It is written to run inside a signal handler, on a small alternate stack, while the rest of the
 // process may be broken: it calls only async-signal-safe system calls (open, read, write, lseek,
-// close, uname, getpid, clock_gettime, process_vm_readv, pipe2) and uses static buffers of its own
-// file, with no malloc, no stdio, no locks and no loader calls (dl_iterate_phdr takes the loader's
+// close, uname, getpid, clock_gettime, process_vm_readv, pipe2) and uses static buffers of its
+// own, with no malloc, no stdio, no locks and no loader calls (dl_iterate_phdr takes the loader's
 // lock). Memory of the process is read with write() straight from the mapping into the file or
 // with process_vm_readv(), so an unreadable address gives an error, never a fault. Its own frames
 // take under 2 KiB of stack. errno is left as it was.
@@ -101,7 +104,7 @@ constexpr size_t MaxTextStreamBytes = 4 * 1024 * 1024;
 
 // Writes a minidump of the calling process into fd (open for writing, at offset 0; the file is
 // written in sequence and its first bytes, header and directory, last, after an lseek to 0).
-// Uses only async-signal-safe system calls and the static buffers of its file. One call at a time
+// Uses only async-signal-safe system calls and the writer's static buffers. One call at a time
 // per process (the caller guarantees it). Returns 0, or the errno of the first failure: writing
 // or seeking fd, or EINVAL when the request has no context. Sources that cannot be read (a /proc
 // file, a module's notes) leave their part empty and are no failure.
