@@ -121,9 +121,9 @@ void TreeItem::insertChild(int pos, TreeItem *item)
     TREEMODEL_ASSERT(!item->parent(), 696, (void)0);
     TREEMODEL_ASSERT(0 <= pos && pos <= m_children.size(), 697, return );
 
+    item->m_rowHint = pos;
     // Nobody can show the rows of an item outside a model, and a lazy item's rows are not
     // announced: its children appear when a view first asks for them.
-    item->m_rowHint = pos;
     if (!m_model || m_lazy) {
         item->m_parent = this;
         if (m_model)
