@@ -1,10 +1,14 @@
 // Utils::TreeModel against QStandardItemModel holding the same data: 1,000 accounts with 1,000
-// positions each, three display columns per row. Building, a full walk, iterating level 2 and
-// removing all rows; the heap each model takes per item.
+// positions each, three display columns per row. Building, live inserts, a full walk, iterating
+// level 2 and removing all rows; the heap each model takes per item.
 //
 // Building is measured twice: with texts made before the clock starts and shared by both models
 // (Qt's strings are implicitly shared), which shows the models themselves, and with texts each
 // build makes for itself, as a client filling a model from its records does.
+//
+// Live inserts are what a shown position book sees: the accounts are in the model first, then
+// their positions arrive one at a time, each announced to the model's listeners as it comes;
+// every item owns its texts.
 
 #include "KrBenchSupport.h"
 
@@ -106,20 +110,59 @@ void buildStandardModel(QStandardItemModel &model, TextSource source = SharedTex
     }
 }
 
+// The accounts first, then one position at a time under an account already in the model.
+void insertIntoLiveTreeModel(Utils::TreeModel &model)
+{
+    const Texts &t = texts();
+    model.setHeader({QStringLiteral("Code"), QStringLiteral("Quantity"), QStringLiteral("Price")});
+    QVector<Utils::TreeItem *> accounts;
+    accounts.reserve(parentCount);
+    for (int p = 0; p < parentCount; ++p) {
+        accounts.append(new Utils::TreeItem(ownCopy(t.parents.at(p))));
+        model.rootItem()->appendChild(accounts.last());
+    }
+    for (int p = 0; p < parentCount; ++p) {
+        const QStringList *rows = t.children.constData() + p * childCount;
+        for (int c = 0; c < childCount; ++c)
+            accounts.at(p)->appendChild(new Utils::TreeItem(ownCopy(rows[c])));
+    }
+}
+
+void insertIntoLiveStandardModel(QStandardItemModel &model)
+{
+    const Texts &t = texts();
+    model.setHorizontalHeaderLabels(
+            {QStringLiteral("Code"), QStringLiteral("Quantity"), QStringLiteral("Price")});
+    QVector<QStandardItem *> accounts;
+    accounts.reserve(parentCount);
+    for (int p = 0; p < parentCount; ++p) {
+        QList<QStandardItem *> account = standardRow(ownCopy(t.parents.at(p)));
+        accounts.append(account.first());
+        model.appendRow(account);
+    }
+    for (int p = 0; p < parentCount; ++p) {
+        const QStringList *rows = t.children.constData() + p * childCount;
+        for (int c = 0; c < childCount; ++c)
+            accounts.at(p)->appendRow(standardRow(ownCopy(rows[c])));
+    }
+}
+
 void reportHeap(benchmark::State &state, size_t before)
 {
     state.counters["bytes_per_item"] = double(heapInUse() - before) / (itemCount + parentCount);
 }
 
-void treeModelBuild(benchmark::State &state)
+// Times filling a fresh model and reports the heap it took; the empty model is made and the full
+// one destroyed off the clock.
+template<class Model, class Fill> void measureFill(benchmark::State &state, Fill fill)
 {
     texts();
     for (auto _ : state) {
         state.PauseTiming();
-        auto model = std::make_unique<Utils::TreeModel>();
+        auto model = std::make_unique<Model>();
         const size_t before = heapInUse();
         state.ResumeTiming();
-        buildTreeModel(*model, TextSource(state.range(0)));
+        fill(*model);
         state.PauseTiming();
         reportHeap(state, before);
         model.reset();
@@ -128,21 +171,28 @@ void treeModelBuild(benchmark::State &state)
     state.SetItemsProcessed(state.iterations() * itemCount);
 }
 
+void treeModelBuild(benchmark::State &state)
+{
+    const auto source = TextSource(state.range(0));
+    measureFill<Utils::TreeModel>(state,
+                                  [=](Utils::TreeModel &model) { buildTreeModel(model, source); });
+}
+
 void standardModelBuild(benchmark::State &state)
 {
-    texts();
-    for (auto _ : state) {
-        state.PauseTiming();
-        auto model = std::make_unique<QStandardItemModel>();
-        const size_t before = heapInUse();
-        state.ResumeTiming();
-        buildStandardModel(*model, TextSource(state.range(0)));
-        state.PauseTiming();
-        reportHeap(state, before);
-        model.reset();
-        state.ResumeTiming();
-    }
-    state.SetItemsProcessed(state.iterations() * itemCount);
+    const auto source = TextSource(state.range(0));
+    measureFill<QStandardItemModel>(
+            state, [=](QStandardItemModel &model) { buildStandardModel(model, source); });
+}
+
+void treeModelLiveInsert(benchmark::State &state)
+{
+    measureFill<Utils::TreeModel>(state, insertIntoLiveTreeModel);
+}
+
+void standardModelLiveInsert(benchmark::State &state)
+{
+    measureFill<QStandardItemModel>(state, insertIntoLiveStandardModel);
 }
 
 // Built once for the read-only benchmarks.
@@ -278,23 +328,25 @@ void printSummary(TreeReporter &reporter)
         const auto it = reporter.nanoseconds.find(name + "/real_time");
         return it == reporter.nanoseconds.end() ? 0.0 : it->second;
     };
-    for (const char *operation : {"build/0", "build/1", "walk", "level2", "removeAll"}) {
+    for (const char *operation :
+         {"build/0", "build/1", "liveInsert", "walk", "level2", "removeAll"}) {
         const double tree = time(std::string("TreeModel_") + operation);
         const double standard = time(std::string("QStandardItemModel_") + operation);
         if (tree > 0 && standard > 0)
-            std::printf("  %-9s %8.1f ms against %8.1f ms = %.2fx\n", operation, tree, standard,
+            std::printf("  %-10s %8.1f ms against %8.1f ms = %.2fx\n", operation, tree, standard,
                         tree / standard);
     }
-    for (const char *texts : {"0", "1"}) {
+    for (const char *operation : {"build/0", "build/1", "liveInsert"}) {
         const double tree
-                = reporter.bytesPerItem[std::string("TreeModel_build/") + texts + "/real_time"];
-        const double standard = reporter.bytesPerItem[std::string("QStandardItemModel_build/")
-                                                      + texts + "/real_time"];
+                = reporter.bytesPerItem[std::string("TreeModel_") + operation + "/real_time"];
+        const double standard = reporter.bytesPerItem[std::string("QStandardItemModel_") + operation
+                                                      + "/real_time"];
         if (tree > 0 && standard > 0)
-            std::printf("  heap/%s    %8.0f B per item against %5.0f B = %.2fx\n", texts, tree,
-                        standard, tree / standard);
+            std::printf("  heap of %-10s %5.0f B per item against %5.0f B = %.2fx\n", operation,
+                        tree, standard, tree / standard);
     }
-    std::printf("  (/0: shared texts, the models alone; /1: each item owns its texts)\n");
+    std::printf("  (/0: shared texts, the models alone; /1 and liveInsert: each item owns its "
+                "texts)\n");
 }
 
 } // namespace
@@ -315,6 +367,8 @@ int main(int argc, char **argv)
                 ->Unit(benchmark::kMillisecond)
                 ->UseRealTime();
     }
+    add("TreeModel_liveInsert", treeModelLiveInsert);
+    add("QStandardItemModel_liveInsert", standardModelLiveInsert);
     add("TreeModel_walk", treeModelWalk);
     add("QStandardItemModel_walk", standardModelWalk);
     add("TreeModel_level2", treeModelLevel2);

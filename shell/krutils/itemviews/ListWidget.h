@@ -9,7 +9,7 @@
 namespace Utils {
 
 // A QListWidget that activates its current item on Return or Enter and keeps an activation mode
-// (see Utils::View).
+// (see Utils::View). It lives on the GUI thread, as every widget does.
 class KRUTILS_EXPORT ListWidget : public View<QListWidget>
 {
     Q_OBJECT

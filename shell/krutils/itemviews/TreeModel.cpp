@@ -33,14 +33,13 @@ void TreeItemVisitor::postVisit(TreeItem *)
 TreeItem::TreeItem() = default;
 
 TreeItem::TreeItem(const QStringList &displays, int flags)
-    : m_displays(new QStringList(displays)), m_flags(Qt::ItemFlags(flags))
+    : m_displays(displays), m_flags(Qt::ItemFlags(flags))
 {
 }
 
 TreeItem::~TreeItem()
 {
     clear();
-    delete m_displays;
 }
 
 TreeItem *TreeItem::parent() const
@@ -72,8 +71,8 @@ void TreeItem::populate()
 
 QVariant TreeItem::data(int column, int role) const
 {
-    if (role == Qt::DisplayRole && m_displays && column >= 0 && column < m_displays->size())
-        return m_displays->at(column);
+    if (role == Qt::DisplayRole && column >= 0 && column < m_displays.size())
+        return m_displays.at(column);
     return QVariant();
 }
 
@@ -122,6 +121,7 @@ void TreeItem::insertChild(int pos, TreeItem *item)
     TREEMODEL_ASSERT(!item->parent(), 696, (void)0);
     TREEMODEL_ASSERT(0 <= pos && pos <= m_children.size(), 697, return );
 
+    item->m_rowHint = pos;
     // Nobody can show the rows of an item outside a model, and a lazy item's rows are not
     // announced: its children appear when a view first asks for them.
     if (!m_model || m_lazy) {
@@ -171,6 +171,8 @@ void TreeItem::sortChildren(const std::function<bool(const TreeItem *, const Tre
 
     emit m_model->layoutAboutToBeChanged();
     std::sort(m_children.begin(), m_children.end(), lessThan);
+    for (int row = 0, rows = m_children.size(); row < rows; ++row)
+        m_children.at(row)->m_rowHint = row;
     // Selections, current indexes and expanded branches are persistent indexes: they follow
     // their items to the new rows.
     QModelIndexList from;
@@ -180,7 +182,7 @@ void TreeItem::sortChildren(const std::function<bool(const TreeItem *, const Tre
         auto item = static_cast<TreeItem *>(index.internalPointer());
         if (item->m_parent != this)
             continue;
-        const int row = m_children.indexOf(item);
+        const int row = rowOf(item);
         if (row != index.row()) {
             from.append(index);
             to.append(m_model->createIndex(row, index.column(), item));
@@ -311,6 +313,19 @@ void TreeItem::propagateModel(TreeModel *m)
         item->propagateModel(m);
 }
 
+// Items are mostly appended, so the row an item was found at last time usually still holds it;
+// the scan is left for rows that earlier insertions, removals or a sort have moved.
+int TreeItem::rowOf(const TreeItem *child) const
+{
+    const int hint = child->m_rowHint;
+    if (hint < m_children.size() && m_children.at(hint) == child)
+        return hint;
+    const int row = m_children.indexOf(const_cast<TreeItem *>(child));
+    if (row >= 0)
+        child->m_rowHint = row;
+    return row;
+}
+
 // UntypedTreeLevelItems
 
 UntypedTreeLevelItems::const_iterator UntypedTreeLevelItems::begin() const
@@ -382,9 +397,17 @@ QModelIndex TreeModel::parent(const QModelIndex &child) const
     const TreeItem *grandparent = parent->parent();
     if (!grandparent)
         return QModelIndex();
-    for (int i = 0, rows = grandparent->rowCount(); i < rows; ++i) {
-        if (grandparent->child(i) == parent)
+    // Through the grandparent's own rowCount() and child(), which a subclass may provide; the
+    // row the parent was found at last time is asked first.
+    const int rows = grandparent->rowCount();
+    const int hint = parent->m_rowHint;
+    if (hint < rows && grandparent->child(hint) == parent)
+        return createIndex(hint, 0, parent);
+    for (int i = 0; i < rows; ++i) {
+        if (grandparent->child(i) == parent) {
+            parent->m_rowHint = i;
             return createIndex(i, 0, parent);
+        }
     }
     return QModelIndex();
 }
@@ -490,9 +513,8 @@ QModelIndex TreeModel::indexFromItem(const TreeItem *item) const
     TREEMODEL_ASSERT(item, 1028, return QModelIndex());
     if (item == m_root)
         return QModelIndex();
-    auto mutableItem = const_cast<TreeItem *>(item);
-    const int row = item->m_parent ? item->m_parent->m_children.indexOf(mutableItem) : -1;
-    return createIndex(row, 0, mutableItem);
+    const int row = item->m_parent ? item->m_parent->rowOf(item) : -1;
+    return createIndex(row, 0, const_cast<TreeItem *>(item));
 }
 
 void TreeModel::removeItem(TreeItem *item)
@@ -500,7 +522,7 @@ void TreeModel::removeItem(TreeItem *item)
     TREEMODEL_ASSERT(item, 1061, return );
     TreeItem *parent = item->parent();
     TREEMODEL_ASSERT(parent, 1063, return );
-    const int pos = parent->m_children.indexOf(item);
+    const int pos = parent->rowOf(item);
     TREEMODEL_ASSERT(pos != -1, 1065, return );
 
     beginRemoveRows(indexFromItem(parent), pos, pos);

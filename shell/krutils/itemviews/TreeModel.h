@@ -19,6 +19,7 @@ class TreeModel;
 // Walks a subtree in pre-order. For every item, preVisit() decides whether the item and its
 // subtree are visited; postVisit() runs in any case, after the subtree. During visit(), level()
 // counts the items from the start of the walk down to the visited one: 1 for the start item.
+// A visitor walks on the thread of the items it visits.
 class KRUTILS_EXPORT TreeItemVisitor
 {
 public:
@@ -46,6 +47,10 @@ private:
 // into a lazy item emit no model signals, so populate() may simply call appendChild().
 // Contract violations are reported through Utils::writeAssertLocation() and give a neutral
 // result (a null item, an invalid index, no change).
+//
+// Items are not thread-safe: once an item belongs to a model, it is used only on the model's
+// thread, like the model itself. A subtree that no model holds yet may be built on a worker
+// thread and handed over whole.
 class KRUTILS_EXPORT TreeItem
 {
 public:
@@ -112,19 +117,23 @@ private:
     friend class TreeModel;
 
     void propagateModel(TreeModel *model);
+    int rowOf(const TreeItem *child) const;
 
     TreeItem *m_parent = nullptr;
     TreeModel *m_model = nullptr;
     QVector<TreeItem *> m_children;
-    QStringList *m_displays = nullptr;
+    QStringList m_displays;
     bool m_lazy = false;
     mutable bool m_populated = false;
     Qt::ItemFlags m_flags = Qt::ItemIsSelectable | Qt::ItemIsEnabled;
+    // The row the item was last found at in its parent; only a hint, checked before use.
+    mutable int m_rowHint = 0;
 };
 
 // All items at one depth below a start item, in pre-order from left to right: level 1 is the
 // start item's children, level 2 their children, and so on up to level 11. Branches that end
-// above the level contribute nothing; lazy items on the way are populated.
+// above the level contribute nothing; lazy items on the way are populated. Like the items, a
+// range and its iterators are used on the thread of the items' model.
 //
 //     for (Utils::TreeItem *position : model.untypedLevelItems(3))
 //         ...
@@ -133,84 +142,7 @@ class KRUTILS_EXPORT UntypedTreeLevelItems
 public:
     enum { MaxLevel = 11 };
 
-    class const_iterator
-    {
-    public:
-        using iterator_category = std::forward_iterator_tag;
-        using value_type = TreeItem *;
-        using difference_type = std::ptrdiff_t;
-        using pointer = TreeItem *const *;
-        using reference = TreeItem *;
-
-        TreeItem *operator*() const { return m_item[m_depth]; }
-
-        const_iterator &operator++()
-        {
-            UTILS_SOFT_ASSERT(m_depth != -1, "shell/krutils/TreeModel.h", 181, return *this);
-            nextSibling();
-            return *this;
-        }
-
-        const_iterator operator++(int)
-        {
-            const_iterator previous = *this;
-            ++*this;
-            return previous;
-        }
-
-        bool operator==(const const_iterator &other) const
-        {
-            return m_depth == other.m_depth
-                    && (m_depth == -1 || m_item[m_depth] == other.m_item[m_depth]);
-        }
-        bool operator!=(const const_iterator &other) const { return !(*this == other); }
-
-    private:
-        friend class UntypedTreeLevelItems;
-
-        explicit const_iterator(int level) : m_level(level) { }
-
-        // Descends from the node at m_depth to the first node at m_level below it, or, when
-        // the branch ends earlier, moves on to the next branch.
-        void descend()
-        {
-            UTILS_SOFT_ASSERT(m_depth < m_level, "shell/krutils/TreeModel.h", 182, return );
-            while (m_depth < m_level) {
-                const TreeItem *node = m_item[m_depth];
-                const int rows = node->rowCount();
-                if (rows == 0) {
-                    nextSibling();
-                    return;
-                }
-                ++m_depth;
-                m_pos[m_depth] = 0;
-                m_size[m_depth] = rows;
-                m_item[m_depth] = node->child(0);
-            }
-        }
-
-        // Moves from the node at m_depth to its next sibling, climbing while a parent has no
-        // further rows, and descends again from there; the end is reached once the climb passes
-        // the start node.
-        void nextSibling()
-        {
-            while (++m_pos[m_depth] >= m_size[m_depth]) {
-                if (--m_depth < 0) {
-                    m_depth = -1;
-                    return;
-                }
-            }
-            m_item[m_depth] = m_item[m_depth - 1]->child(m_pos[m_depth]);
-            if (m_depth < m_level)
-                descend();
-        }
-
-        int m_level;
-        int m_depth = -1;
-        TreeItem *m_item[MaxLevel + 1] = {};
-        int m_pos[MaxLevel + 1] = {};
-        int m_size[MaxLevel + 1] = {};
-    };
+    class const_iterator;
 
     UntypedTreeLevelItems(TreeItem *item, int level = 1) : m_item(item), m_level(level) { }
 
@@ -222,8 +154,98 @@ private:
     int m_level;
 };
 
+// A place in an UntypedTreeLevelItems range: the path from the start item down to the current
+// item, with each step's row and row count. An iterator that has run past the end stays there.
+class KRUTILS_EXPORT UntypedTreeLevelItems::const_iterator
+{
+public:
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = TreeItem *;
+    using difference_type = std::ptrdiff_t;
+    using pointer = TreeItem *const *;
+    using reference = TreeItem *;
+
+    TreeItem *operator*() const { return m_item[m_depth]; }
+
+    const_iterator &operator++();
+    const_iterator operator++(int)
+    {
+        const_iterator previous = *this;
+        ++*this;
+        return previous;
+    }
+
+    bool operator==(const const_iterator &other) const
+    {
+        return m_depth == other.m_depth
+                && (m_depth == -1 || m_item[m_depth] == other.m_item[m_depth]);
+    }
+    bool operator!=(const const_iterator &other) const { return !(*this == other); }
+
+private:
+    friend class UntypedTreeLevelItems;
+
+    explicit const_iterator(int level) : m_level(level) { }
+
+    void descend();
+    void nextSibling();
+
+    int m_level;
+    int m_depth = -1; // -1: the end
+    TreeItem *m_item[MaxLevel + 1] = {};
+    int m_pos[MaxLevel + 1] = {};
+    int m_size[MaxLevel + 1] = {};
+};
+
+inline UntypedTreeLevelItems::const_iterator &UntypedTreeLevelItems::const_iterator::operator++()
+{
+    UTILS_SOFT_ASSERT(m_depth != -1, "shell/krutils/TreeModel.h", 181, return *this);
+    nextSibling();
+    return *this;
+}
+
+// Descends from the node at m_depth to the first node at m_level below it, or, when the branch
+// ends earlier, moves on to the next branch.
+inline void UntypedTreeLevelItems::const_iterator::descend()
+{
+    UTILS_SOFT_ASSERT(m_depth < m_level, "shell/krutils/TreeModel.h", 182, return );
+    while (m_depth < m_level) {
+        const TreeItem *node = m_item[m_depth];
+        const int rows = node->rowCount();
+        if (rows == 0) {
+            nextSibling();
+            return;
+        }
+        ++m_depth;
+        m_pos[m_depth] = 0;
+        m_size[m_depth] = rows;
+        m_item[m_depth] = node->child(0);
+    }
+}
+
+// Moves from the node at m_depth to its next sibling, climbing while a parent has no further
+// rows, and descends again from there; the end is reached once the climb passes the start node.
+inline void UntypedTreeLevelItems::const_iterator::nextSibling()
+{
+    while (++m_pos[m_depth] >= m_size[m_depth]) {
+        if (--m_depth < 0) {
+            m_depth = -1;
+            return;
+        }
+    }
+    m_item[m_depth] = m_item[m_depth - 1]->child(m_pos[m_depth]);
+    if (m_depth < m_level)
+        descend();
+}
+
 // A QAbstractItemModel over a tree of TreeItems. Every row has the same number of columns; the
 // data, flags and editing come from the items. The model owns its root item.
+//
+// The model and its items live on the GUI thread, as Qt's models and views do: views call the
+// model directly, so every change to the tree (inserting, removing, sorting, editing an item)
+// happens on that thread. Work done elsewhere reaches it through a queued signal, or through a
+// subtree built off-line and appended there. Inserting under an item that views already show is
+// cheap: the row of an item is remembered, so appending does not scan the siblings.
 class KRUTILS_EXPORT TreeModel : public QAbstractItemModel
 {
     Q_OBJECT

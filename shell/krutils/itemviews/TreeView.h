@@ -9,7 +9,7 @@
 namespace Utils {
 
 // A QTreeView that activates its current item on Return or Enter and keeps an activation mode
-// (see Utils::View).
+// (see Utils::View). It lives on the GUI thread, as every widget does.
 class KRUTILS_EXPORT TreeView : public View<QTreeView>
 {
     Q_OBJECT

@@ -9,7 +9,7 @@
 namespace Utils {
 
 // A QTreeWidget that activates its current item on Return or Enter and keeps an activation mode
-// (see Utils::View).
+// (see Utils::View). It lives on the GUI thread, as every widget does.
 class KRUTILS_EXPORT TreeWidget : public View<QTreeWidget>
 {
     Q_OBJECT

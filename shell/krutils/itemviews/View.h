@@ -19,6 +19,9 @@ enum ActivationMode {
 // An item view that activates its current item on Return or Enter (without modifiers, and not
 // while an editor is open), and keeps an activation mode in the "ActivationMode" property.
 // Use it through ListView, ListWidget, TreeView and TreeWidget.
+//
+// Like every widget, a view lives on the GUI thread: create it, call it and give it its model
+// there (a model it shows, such as a Utils::TreeModel, belongs to the same thread).
 template<class Base> class View : public Base
 {
 public:
