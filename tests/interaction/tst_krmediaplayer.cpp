@@ -92,6 +92,8 @@ private Q_SLOTS:
 
     void requestsBeforeInitAreLost();
     void initStartsPlayerOnItsThread();
+    void requestsRightAfterInitArePlayed_data();
+    void requestsRightAfterInitArePlayed();
     void requestWhilePlaying_data();
     void requestWhilePlaying();
     void requestWhileNotPlaying_data();
@@ -267,6 +269,42 @@ void tst_KrMediaPlayer::initStartsPlayerOnItsThread()
     QCOMPARE(instance->thread(), playerThread);
     QCOMPARE(onPlayerThread([instance] { return instance->findChildren<QMediaPlayer *>().size(); }),
              1);
+}
+
+void tst_KrMediaPlayer::requestsRightAfterInitArePlayed_data()
+{
+    QTest::addColumn<QStringList>("requests");
+    QTest::addColumn<bool>("fromOtherThread");
+    QTest::addColumn<QString>("playlist");
+
+    const QString a = QStringLiteral("a.wav"), b = QStringLiteral("b.wav");
+    QTest::newRow("one sound") << QStringList {a} << false << a;
+    QTest::newRow("a repeat and another sound") << QStringList {a, a, b} << false << "a.wav b.wav";
+    QTest::newRow("from another thread") << QStringList {a, b} << true << "a.wav b.wav";
+}
+
+// Requests made at once after initMediaPlay(), before the player's thread has made the player.
+// The player starts once per process, so a fresh helper process starts it and makes them.
+void tst_KrMediaPlayer::requestsRightAfterInitArePlayed()
+{
+    QFETCH(QStringList, requests);
+    QFETCH(bool, fromOtherThread);
+    QFETCH(QString, playlist);
+
+    QStringList arguments;
+    if (fromOtherThread)
+        arguments << QStringLiteral("--from-thread");
+    for (const QString &name : qAsConst(requests))
+        arguments << sound(name);
+    QProcess helper;
+    helper.start(QStringLiteral(KRMEDIAPLAYER_HELPER), arguments);
+    QVERIFY2(helper.waitForFinished(60000), qPrintable(helper.errorString()));
+    const QByteArray errors = helper.readAllStandardError();
+    QVERIFY2(helper.exitStatus() == QProcess::NormalExit && helper.exitCode() == 0,
+             errors.constData());
+    QCOMPARE(QString::fromLocal8Bit(helper.readAllStandardOutput()).trimmed(),
+             QStringLiteral("PlayingState, playing %1, playlist %2")
+                     .arg(requests.first(), playlist));
 }
 
 void tst_KrMediaPlayer::requestWhilePlaying_data()

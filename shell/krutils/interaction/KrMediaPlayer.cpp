@@ -37,6 +37,10 @@ void KrMediaPlayer::initMediaPlay()
     workerThread->setObjectName(QStringLiteral("KrMediaPlayer"));
     moveToThread(workerThread);
     connect(workerThread, &QThread::started, this, &KrMediaPlayer::slotInitData);
+    // Connected before the thread starts, so that every request made once this returns is heard:
+    // it waits in the thread's queue, which is served only after slotInitData() has made the
+    // player.
+    connect(this, &KrMediaPlayer::signalPlaySignalMusic, this, &KrMediaPlayer::slotPlaySignalMusic);
     connect(workerThread, &QThread::finished, workerThread, &QObject::deleteLater);
     workerThread->start(QThread::InheritPriority);
 }
@@ -50,8 +54,6 @@ void KrMediaPlayer::slotInitData()
 {
     player = new QMediaPlayer(this);
     player->setPlaylist(new QMediaPlaylist);
-    // Requests from other threads queue up here in the order they were made.
-    connect(this, &KrMediaPlayer::signalPlaySignalMusic, this, &KrMediaPlayer::slotPlaySignalMusic);
     connect(
             player, QOverload<QMediaPlayer::Error>::of(&QMediaPlayer::error), this,
             [this](QMediaPlayer::Error error) {

@@ -24,7 +24,8 @@ class QMediaPlayer;
 //     ...
 //     KrMediaPlayer::getInstance()->playSignalMusic(QStringLiteral("sounds/filled.wav"));
 //
-// Requests made before initMediaPlay() are lost. A relative file name is resolved against the
+// Requests made before initMediaPlay() are lost; those made once it has returned wait, if need
+// be, until the player's thread has made the player. A relative file name is resolved against the
 // current directory when the request is handled. A file that cannot be opened is logged and
 // skipped; errors of the back end are logged and leave the player usable for the next request.
 //
