@@ -1,5 +1,4 @@
 // Runtime and supervision: worker threads, the lock monitor, function guards, the monitor log.
-// The call sites these sections report to the monitors name the demo as a whole, "krdemo.cpp".
 
 #include "krdemo.h"
 
@@ -50,7 +49,8 @@ public Q_SLOTS:
 
 void settleTrades()
 {
-    KrFunctionGuard guard(QStringLiteral("krdemo.cpp"), QStringLiteral("settleTrades"), false, 1);
+    KrFunctionGuard guard(QStringLiteral("supervision.cpp"), QStringLiteral("settleTrades"), false,
+                          1);
     QThread::msleep(3000); // a settlement run that blocks far longer than its budget
 }
 
@@ -112,7 +112,7 @@ void tourLockMonitor()
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&, t] {
             for (int i = 0; i < 2500; ++i) {
-                KrMutexLocker locker(&orderBookMutex, QStringLiteral("krdemo.cpp"), __LINE__,
+                KrMutexLocker locker(&orderBookMutex, QStringLiteral("supervision.cpp"), __LINE__,
                                      QStringLiteral("fillOrderBook"));
                 orderBook[QStringLiteral("trader%1").arg(t)] += 1;
             }
@@ -122,7 +122,7 @@ void tourLockMonitor()
     for (double &seen : lastSeen) {
         threads.emplace_back([&] {
             for (int i = 0; i < 2000; ++i) {
-                KrReadLocker locker(&quoteLock, QStringLiteral("krdemo.cpp"), __LINE__,
+                KrReadLocker locker(&quoteLock, QStringLiteral("supervision.cpp"), __LINE__,
                                     QStringLiteral("readQuote"));
                 seen = lastPrice;
             }
@@ -130,7 +130,7 @@ void tourLockMonitor()
     }
     threads.emplace_back([&] {
         for (int i = 0; i < 2000; ++i) {
-            KrWriteLocker locker(&quoteLock, QStringLiteral("krdemo.cpp"), __LINE__,
+            KrWriteLocker locker(&quoteLock, QStringLiteral("supervision.cpp"), __LINE__,
                                  QStringLiteral("writeQuote"));
             lastPrice += 0.01;
         }
@@ -150,7 +150,7 @@ void tourLockMonitor()
                 .arg(lastSeen[1], 0, 'f', 2));
 
     {
-        KrMutexLocker held(&orderBookMutex, QStringLiteral("krdemo.cpp"), __LINE__,
+        KrMutexLocker held(&orderBookMutex, QStringLiteral("supervision.cpp"), __LINE__,
                            QStringLiteral("auditOrderBook"));
         pumpEvents(50); // reports reach the monitor through its event queue
         say("  While auditOrderBook holds the mutex:   containsMutex = %s\n",
@@ -180,7 +180,8 @@ void tourFunctionGuard()
     settleTrades();
     say("  A guard that finishes within its budget is only logged on entry and exit:\n");
     {
-        KrFunctionGuard guard(QStringLiteral("krdemo.cpp"), QStringLiteral("quickCheck"), false, 5);
+        KrFunctionGuard guard(QStringLiteral("supervision.cpp"), QStringLiteral("quickCheck"),
+                              false, 5);
         QThread::msleep(20);
     }
 }
