@@ -8,13 +8,14 @@
 
 namespace Utils {
 
-// A QListWidget that activates its current item on Return or Enter and keeps an activation mode
-// (see Utils::View).
+/// A QListWidget that activates its current item on Return or Enter and keeps an activation mode
+/// (see Utils::View).
 class KRUTILS_EXPORT ListWidget : public View<QListWidget>
 {
     Q_OBJECT
 
 public:
+    /// A list widget with the platform's default activation mode.
     explicit ListWidget(QWidget *parent = nullptr);
     ~ListWidget() override;
 };
