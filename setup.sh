@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
 # Sets krutils up on a Debian 12 machine: installs the Debian packages that the build, the tests,
-# the benchmarks and the demo need (when missing), then configures and builds.
+# the benchmarks, the demo and the API reference need (when missing), then configures and builds.
 #
 #   ./setup.sh            set up and build (preset "default")
 #   ./setup.sh demo       ... then run the demo program
 #   ./setup.sh test       ... then run the whole test suite (preset "dev": warnings are errors,
 #                             assertions on)
 #   ./setup.sh bench      ... then run the benchmarks
+#   ./setup.sh docs       set up and build only the API reference (Doxygen), into
+#                         build/<preset>/docs/html
 #   KRUTILS_PRESET=asan ./setup.sh test    the same with another preset (default, debug, asan, dev)
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -32,6 +34,7 @@ packages=(
     libbenchmark-dev                   # bench/
     python3-openpyxl                   # tests: openpyxl reads back the workbooks written
     clang-14 libfuzzer-14-dev          # fuzz/: the workbook reader's fuzzer
+    doxygen                            # the API reference (docs), checked by the tests
     mingw-w64 wine64                   # tests: the Windows layers, cross-built and run under wine
 )
 
@@ -52,7 +55,7 @@ fi
 # The tests check the dump files with Breakpad's minidump_stackwalk, which the npm package
 # "minidump" ships prebuilt (its install script would build it again from git submodules).
 minidump_tools=build/tools/node_modules/minidump/bin/linux-x64
-if [ ! -x "$minidump_tools/minidump_stackwalk" ]; then
+if [ "$action" != docs ] && [ ! -x "$minidump_tools/minidump_stackwalk" ]; then
     if command -v npm >/dev/null; then
         echo "setup: installing minidump@0.26.0 (npm) into build/tools"
         mkdir -p build/tools
@@ -65,6 +68,11 @@ if [ ! -x "$minidump_tools/minidump_stackwalk" ]; then
 fi
 
 cmake --preset "$preset" >/dev/null
+if [ "$action" = docs ]; then
+    cmake --build --preset "$preset" --target docs
+    echo "setup: API reference in build/$preset/docs/html/index.html"
+    exit 0
+fi
 cmake --build --preset "$preset"
 
 case "$action" in
@@ -75,5 +83,5 @@ case "$action" in
                && "build/$preset/bench/krbench_interaction" \
                && "build/$preset/bench/krbench_treemodel" \
                && exec "build/$preset/bench/krbench_workbook" ;;
-    *) echo "usage: $0 [build|demo|test|bench]" >&2; exit 2 ;;
+    *) echo "usage: $0 [build|demo|test|bench|docs]" >&2; exit 2 ;;
 esac

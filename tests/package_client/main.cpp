@@ -1,15 +1,18 @@
-// Uses the installed package the way a client module does: the library's classes and the
-// krdefine constants, plus the LZ4 and POSIX threads interfaces that come with krutils.
+// Uses the installed package the way a client module does: the library's classes, its item
+// model and view (Qt Widgets), the krdefine constants, and the LZ4 and POSIX threads interfaces
+// that come with krutils. The same source is built with CMake, with qmake and with pkg-config.
 
 #include <krdefine/krdefine.h>
 #include <krutils/KrMutexLocker.h>
 #include <krutils/KrObject.h>
+#include <krutils/TreeModel.h>
+#include <krutils/TreeView.h>
 
 #include <lz4.h>
 #include <pthread.h>
 
+#include <QApplication>
 #include <QByteArray>
-#include <QCoreApplication>
 #include <QMutex>
 
 #include <cstdio>
@@ -32,7 +35,7 @@ void *doubleIt(void *arg)
 
 int main(int argc, char **argv)
 {
-    QCoreApplication app(argc, argv);
+    QApplication app(argc, argv);
 
     QMutex mutex;
     {
@@ -46,6 +49,20 @@ int main(int argc, char **argv)
         return fail("KrObject did not start its thread");
     if (Orvex_Values::CompareOperator::less == Orvex_Values::CompareOperator::greater)
         return fail("krdefine constants are not distinct");
+
+    // An account with one position, shown in a tree view
+    Utils::TreeModel model;
+    model.setHeader({QStringLiteral("Account"), QStringLiteral("Symbol")});
+    auto *account = new Utils::TreeItem({QStringLiteral("ACC-01"), QString()});
+    account->appendChild(new Utils::TreeItem({QString(), QStringLiteral("IF2412")}));
+    model.rootItem()->appendChild(account);
+    Utils::TreeView view;
+    view.setModel(&model);
+    view.setActivationMode(Utils::SingleClickActivation);
+    const QModelIndex position = model.index(0, 1, model.index(0, 0));
+    if (model.data(position).toString() != QLatin1String("IF2412")
+        || view.activationMode() != Utils::SingleClickActivation)
+        return fail("the tree model or view does not work");
 
     // LZ4 round trip
     const QByteArray original = QByteArray("bid 101.25 ask 101.50 ").repeated(200);
@@ -67,7 +84,7 @@ int main(int argc, char **argv)
         || pthread_join(thread, &result) != 0 || result != &value || value != 42)
         return fail("pthread round trip failed");
 
-    std::printf("krutils_client: package, LZ4 (%d -> %d bytes) and pthreads work\n",
+    std::printf("krutils_client: classes, views, LZ4 (%d -> %d bytes) and pthreads work\n",
                 int(original.size()), compressedSize);
     return 0;
 }

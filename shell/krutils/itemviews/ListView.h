@@ -8,13 +8,14 @@
 
 namespace Utils {
 
-// A QListView that activates its current item on Return or Enter and keeps an activation mode
-// (see Utils::View). It lives on the GUI thread, as every widget does.
+/// A QListView that activates its current item on Return or Enter and keeps an activation mode
+/// (see Utils::View). It lives on the GUI thread, as every widget does.
 class KRUTILS_EXPORT ListView : public View<QListView>
 {
     Q_OBJECT
 
 public:
+    /// A list view with the platform's default activation mode.
     explicit ListView(QWidget *parent = nullptr);
     ~ListView() override;
 };

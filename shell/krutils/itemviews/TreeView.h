@@ -8,13 +8,14 @@
 
 namespace Utils {
 
-// A QTreeView that activates its current item on Return or Enter and keeps an activation mode
-// (see Utils::View). It lives on the GUI thread, as every widget does.
+/// A QTreeView that activates its current item on Return or Enter and keeps an activation mode
+/// (see Utils::View). It lives on the GUI thread, as every widget does.
 class KRUTILS_EXPORT TreeView : public View<QTreeView>
 {
     Q_OBJECT
 
 public:
+    /// A tree view with the platform's default activation mode.
     explicit TreeView(QWidget *parent = nullptr);
     ~TreeView() override;
 };

@@ -8,13 +8,14 @@
 
 namespace Utils {
 
-// A QTreeWidget that activates its current item on Return or Enter and keeps an activation mode
-// (see Utils::View). It lives on the GUI thread, as every widget does.
+/// A QTreeWidget that activates its current item on Return or Enter and keeps an activation mode
+/// (see Utils::View). It lives on the GUI thread, as every widget does.
 class KRUTILS_EXPORT TreeWidget : public View<QTreeWidget>
 {
     Q_OBJECT
 
 public:
+    /// A tree widget with the platform's default activation mode.
     explicit TreeWidget(QWidget *parent = nullptr);
     ~TreeWidget() override;
 };

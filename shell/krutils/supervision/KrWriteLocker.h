@@ -7,24 +7,27 @@
 
 class QReadWriteLock;
 
-// A scope guard that holds a QReadWriteLock for writing, reported to the lock monitor like the
-// calls of KrMutex: it behaves like QWriteLocker with a call site.
-//
-//     {
-//         KrWriteLocker locker(&m_lock, QStringLiteral("book.cpp"), __LINE__,
-//                              QStringLiteral("Book::update"));
-//         ...
-//     } // released and reported here
-//
-// A null lock makes a guard that holds nothing. unlock() may be called more than once; the lock
-// is released and reported exactly once.
+/// A scope guard that holds a QReadWriteLock for writing, reported to the lock monitor like the
+/// calls of KrMutex: it behaves like QWriteLocker with a call site.
+///
+///     {
+///         KrWriteLocker locker(&m_lock, QStringLiteral("book.cpp"), __LINE__,
+///                              QStringLiteral("Book::update"));
+///         ...
+///     } // released and reported here
+///
+/// A null lock makes a guard that holds nothing. unlock() may be called more than once; the lock
+/// is released and reported exactly once.
 class KRUTILS_EXPORT KrWriteLocker
 {
 public:
+    /// Takes `lock` with KrMutex::lockForWrite() and the call site `first`, `line`, `second`.
     KrWriteLocker(QReadWriteLock *lock, const QString &first, int line, const QString &second);
     ~KrWriteLocker();
 
+    /// Releases the lock and reports the release; later calls do nothing.
     void unlock();
+    /// The guarded lock, also after unlock(); null for a guard made with a null lock.
     QReadWriteLock *readWriteLock() const
     {
         return reinterpret_cast<QReadWriteLock *>(m_value & ~quintptr(1));
