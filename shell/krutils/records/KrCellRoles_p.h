@@ -5,9 +5,7 @@
 // entry an operation reads. The filter, the summary row and the sorts each read a cell by an
 // order of keys of their own, on purpose; each keeps its order beside its code.
 
-#include <QMap>
-#include <QString>
-#include <QVariant>
+#include "KrCommonUtils.h"
 
 #include <array>
 #include <cstddef>
@@ -25,8 +23,7 @@ template<std::size_t N> using Priority = std::array<const QString *, N>;
 // The entry under the first of the keys that the cell holds (by key presence, whatever the
 // value), or null when it holds none. One walk over the cell's few entries, comparing keys for
 // equality only.
-template<std::size_t N>
-const QVariant *roleValue(const QVariantMap &cell, const Priority<N> &priority)
+template<std::size_t N> const QVariant *roleValue(const KrRecord &cell, const Priority<N> &priority)
 {
     const QVariant *best = nullptr;
     std::size_t bestRank = N;

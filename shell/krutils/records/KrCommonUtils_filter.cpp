@@ -50,7 +50,7 @@ struct ColumnFilter
 
 // The enumerator whose operator text the condition holds under `key`, else `otherwise`.
 template<typename Enum, size_t N>
-Enum operatorOf(const QVariantMap &condition, const QString &key,
+Enum operatorOf(const KrRecord &condition, const QString &key,
                 const std::pair<const QString *, Enum> (&operators)[N], Enum otherwise)
 {
     const QString text = condition.value(key).toString();
@@ -61,7 +61,7 @@ Enum operatorOf(const QVariantMap &condition, const QString &key,
     return otherwise;
 }
 
-Comparison comparisonOf(const QVariantMap &condition)
+Comparison comparisonOf(const KrRecord &condition)
 {
     using namespace Orvex_Values::CompareOperator;
     static const std::pair<const QString *, Comparison> comparisons[]
@@ -72,7 +72,7 @@ Comparison comparisonOf(const QVariantMap &condition)
                       Comparison::Never);
 }
 
-Join joinOf(const QVariantMap &condition)
+Join joinOf(const KrRecord &condition)
 {
     using namespace Orvex_Values::LogicOperator;
     static const std::pair<const QString *, Join> joins[]
@@ -80,16 +80,16 @@ Join joinOf(const QVariantMap &condition)
     return operatorOf(condition, Orvex_Fields::Infomation::logicOperator, joins, Join::Skip);
 }
 
-std::vector<Group> compileFilterList(const QList<QList<QVariantMap>> &filterList)
+std::vector<Group> compileFilterList(const KrFilterList &filterList)
 {
     std::vector<Group> groups;
     groups.reserve(size_t(filterList.size()));
-    for (const QList<QVariantMap> &conditions : filterList) {
+    for (const QList<KrRecord> &conditions : filterList) {
         if (conditions.isEmpty())
             continue;
         Group group;
         group.reserve(size_t(conditions.size()));
-        for (const QVariantMap &condition : conditions)
+        for (const KrRecord &condition : conditions)
             group.push_back({comparisonOf(condition), joinOf(condition),
                              condition.value(Orvex_Fields::System::filterValue)});
         groups.push_back(std::move(group));
@@ -151,8 +151,7 @@ bool valuePasses(const std::vector<Group> &groups, const QVariant &value)
     return false;
 }
 
-std::vector<ColumnFilter>
-compileColumnFilters(const QMap<int, QList<QList<QVariantMap>>> &columnFilters)
+std::vector<ColumnFilter> compileColumnFilters(const KrColumnFilters &columnFilters)
 {
     std::vector<ColumnFilter> columns;
     for (auto it = columnFilters.cbegin(); it != columnFilters.cend(); ++it) {
@@ -162,7 +161,7 @@ compileColumnFilters(const QMap<int, QList<QList<QVariantMap>>> &columnFilters)
     return columns;
 }
 
-bool cellPasses(const QMap<int, QVariantMap> &record, const ColumnFilter &filter)
+bool cellPasses(const KrTableRecord &record, const ColumnFilter &filter)
 {
     const auto cell = record.constFind(filter.column);
     if (cell == record.cend())
@@ -171,7 +170,7 @@ bool cellPasses(const QMap<int, QVariantMap> &record, const ColumnFilter &filter
     return value && valuePasses(filter.groups, *value);
 }
 
-bool rowPasses(const QMap<int, QVariantMap> &record, std::vector<ColumnFilter> &columns)
+bool rowPasses(const KrTableRecord &record, std::vector<ColumnFilter> &columns)
 {
     for (ColumnFilter &filter : columns) {
         ++filter.looked;
@@ -194,26 +193,26 @@ void lookAtMostSelectiveFirst(std::vector<ColumnFilter> &columns)
 
 } // namespace
 
-bool KrCommonUtils::isMatchFilterList(int, const QVariant &value,
-                                      const QList<QList<QVariantMap>> &filterList)
+bool KrCommonUtils::isMatchFilterList(int, const QVariant &value, const KrFilterList &filterList)
 {
     return value.isValid() && valuePasses(compileFilterList(filterList), value);
 }
 
-bool KrCommonUtils::isRecordMatchFilterList(
-        const QMap<int, QVariantMap> &record,
-        const QMap<int, QList<QList<QVariantMap>>> &columnFilters, const QMap<int, int> &)
+bool KrCommonUtils::isRecordMatchFilterList(const KrTableRecord &record,
+                                            const KrColumnFilters &columnFilters,
+                                            const KrColumnTags &)
 {
     std::vector<ColumnFilter> columns = compileColumnFilters(columnFilters);
     return rowPasses(record, columns);
 }
 
-QList<QMap<int, QVariantMap>> KrCommonUtils::getMatchRecordListByFilterList(
-        const QList<QMap<int, QVariantMap>> &records,
-        const QMap<int, QList<QList<QVariantMap>>> &columnFilters, const QMap<int, int> &)
+QList<KrTableRecord>
+KrCommonUtils::getMatchRecordListByFilterList(const QList<KrTableRecord> &records,
+                                              const KrColumnFilters &columnFilters,
+                                              const KrColumnTags &)
 {
     std::vector<ColumnFilter> columns = compileColumnFilters(columnFilters);
-    QList<QMap<int, QVariantMap>> matching;
+    QList<KrTableRecord> matching;
     for (int row = 0; row < records.size(); ++row) {
         if (row % 1024 == 1023)
             lookAtMostSelectiveFirst(columns);

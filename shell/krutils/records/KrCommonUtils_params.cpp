@@ -12,7 +12,7 @@ const QString algoParamFolder = QStringLiteral("res/plugindata/algo/");
 const QString indicatorParamFolder = QStringLiteral("res/plugindata/Indicatoration/");
 
 // The file's top-level object, or the parser's code (-1 no text, -2 not JSON) in `code`.
-QVariantMap readParamFile(const QString &path, int &code)
+KrRecord readParamFile(const QString &path, int &code)
 {
     const QString text = KrCommonUtils::readAll(path);
     if (text.isEmpty()) {
@@ -28,7 +28,7 @@ QVariantMap readParamFile(const QString &path, int &code)
     return document.toVariant().toMap();
 }
 
-void appendRecords(const QVariantMap &file, const char *member, QList<QVariantMap> &records)
+void appendRecords(const KrRecord &file, const char *member, QList<KrRecord> &records)
 {
     const QVariantList elements = file.value(QLatin1String(member)).toList();
     for (const QVariant &element : elements)
@@ -38,15 +38,14 @@ void appendRecords(const QVariantMap &file, const char *member, QList<QVariantMa
 } // namespace
 
 int KrCommonUtils::praseAlgoParamJsonFile(const QString &fileName,
-                                          QList<QVariantMap> &initialBasicParams,
-                                          QList<QVariantMap> &initialParams,
-                                          QList<QVariantMap> &performParams,
-                                          QList<QVariantMap> &reportParams,
-                                          QList<QVariantMap> &logParams,
-                                          QVariantMap &monitorUiParams, QVariantMap &createUiParams)
+                                          QList<KrRecord> &initialBasicParams,
+                                          QList<KrRecord> &initialParams,
+                                          QList<KrRecord> &performParams,
+                                          QList<KrRecord> &reportParams, QList<KrRecord> &logParams,
+                                          KrRecord &monitorUiParams, KrRecord &createUiParams)
 {
     int code = 0;
-    const QVariantMap file = readParamFile(algoParamFolder + fileName, code);
+    const KrRecord file = readParamFile(algoParamFolder + fileName, code);
     if (code != 0)
         return code;
     appendRecords(file, "InitialBasicParam", initialBasicParams);
@@ -60,13 +59,13 @@ int KrCommonUtils::praseAlgoParamJsonFile(const QString &fileName,
 }
 
 int KrCommonUtils::praseIndicatorParamJsonFile(const QString &fileName,
-                                               QList<QVariantMap> &initialBasicParams,
-                                               QList<QVariantMap> &initialParams,
-                                               QList<QVariantMap> &reportParams,
-                                               QVariantMap &createUiParams)
+                                               QList<KrRecord> &initialBasicParams,
+                                               QList<KrRecord> &initialParams,
+                                               QList<KrRecord> &reportParams,
+                                               KrRecord &createUiParams)
 {
     int code = 0;
-    const QVariantMap file = readParamFile(indicatorParamFolder + fileName, code);
+    const KrRecord file = readParamFile(indicatorParamFolder + fileName, code);
     if (code != 0)
         return code;
     appendRecords(file, "InitialBasicParam", initialBasicParams);

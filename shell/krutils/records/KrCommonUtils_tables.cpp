@@ -164,13 +164,12 @@ int sortByKeys(QList<Record> &records, const QList<QPair<Key, Qt::SortOrder>> &k
 
 } // namespace
 
-QMap<int, QVariantMap>
-KrCommonUtils::getTableViewSumRecord(const QList<QMap<int, QVariantMap>> &records,
-                                     const QList<int> &excludedColumns)
+KrTableRecord KrCommonUtils::getTableViewSumRecord(const QList<KrTableRecord> &records,
+                                                   const QList<int> &excludedColumns)
 {
     const QSet<int> excluded(excludedColumns.cbegin(), excludedColumns.cend());
     QMap<int, QVariant> totals;
-    for (const QMap<int, QVariantMap> &record : records) {
+    for (const KrTableRecord &record : records) {
         auto total = totals.begin();
         for (auto cell = record.cbegin(); cell != record.cend(); ++cell) {
             if (excluded.contains(cell.key()))
@@ -191,30 +190,29 @@ KrCommonUtils::getTableViewSumRecord(const QList<QMap<int, QVariantMap>> &record
             }
         }
     }
-    QMap<int, QVariantMap> sumRecord;
+    KrTableRecord sumRecord;
     for (auto it = totals.cbegin(); it != totals.cend(); ++it)
         sumRecord.insert(it.key(), {{displayKey, *it}});
     return sumRecord;
 }
 
-int KrCommonUtils::sortDataListByKeys(QList<QVariantMap> &records,
+int KrCommonUtils::sortDataListByKeys(QList<KrRecord> &records,
                                       const QList<QPair<QString, Qt::SortOrder>> &keys)
 {
     return sortByKeys(records, keys,
-                      [](const QVariantMap &record, const QString &key) -> const QVariant * {
+                      [](const KrRecord &record, const QString &key) -> const QVariant * {
                           const auto it = record.constFind(key);
                           return it == record.cend() ? nullptr : &*it;
                       });
 }
 
-int KrCommonUtils::sortTableViewRecordListByKeys(QList<QMap<int, QVariantMap>> &records,
+int KrCommonUtils::sortTableViewRecordListByKeys(QList<KrTableRecord> &records,
                                                  const QList<QPair<int, Qt::SortOrder>> &keys)
 {
-    return sortByKeys(records, keys,
-                      [](const QMap<int, QVariantMap> &record, int column) -> const QVariant * {
-                          const auto cell = record.constFind(column);
-                          return cell == record.cend()
-                                  ? nullptr
-                                  : KrCellRoles::roleValue(*cell, sortPriority);
-                      });
+    return sortByKeys(
+            records, keys, [](const KrTableRecord &record, int column) -> const QVariant * {
+                const auto cell = record.constFind(column);
+                return cell == record.cend() ? nullptr
+                                             : KrCellRoles::roleValue(*cell, sortPriority);
+            });
 }
