@@ -7,6 +7,7 @@
 
 #include "KrCommonUtils.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 
@@ -20,6 +21,12 @@ inline const QString user7Key = QString::number(Qt::UserRole + 7); // "263"
 // The keys an operation reads, the one to prefer first.
 template<std::size_t N> using Priority = std::array<const QString *, N>;
 
+// Plain key equality, inline: the sums, sorts and filters ask it for every cell of long tables.
+inline bool sameKey(const QString &key, const QString &roleKey)
+{
+    return key.size() == roleKey.size() && std::equal(key.cbegin(), key.cend(), roleKey.cbegin());
+}
+
 // The entry under the first of the keys that the cell holds (by key presence, whatever the
 // value), or null when it holds none. One walk over the cell's few entries, comparing keys for
 // equality only.
@@ -29,7 +36,7 @@ template<std::size_t N> const QVariant *roleValue(const KrRecord &cell, const Pr
     std::size_t bestRank = N;
     for (auto it = cell.cbegin(); it != cell.cend() && bestRank > 0; ++it) {
         for (std::size_t rank = 0; rank < bestRank; ++rank) {
-            if (it.key() == *priority[rank]) {
+            if (sameKey(it.key(), *priority[rank])) {
                 best = &it.value();
                 bestRank = rank;
                 break;
