@@ -73,8 +73,8 @@ Prepared prepare(const QVariant &value, unsigned wanted)
             // time-zone date-times (Qt may compare them by local time) and invalid ones have
             // orderings of their own.
             const auto &dateTime = *static_cast<const QDateTime *>(value.constData());
-            const Qt::TimeSpec spec = dateTime.timeSpec();
-            if ((spec == Qt::UTC || spec == Qt::OffsetFromUTC) && dateTime.isValid()) {
+            const Qt::TimeSpec timeSpec = dateTime.timeSpec();
+            if ((timeSpec == Qt::UTC || timeSpec == Qt::OffsetFromUTC) && dateTime.isValid()) {
                 prepared.form = Form::DateTime;
                 prepared.msecs = dateTime.toMSecsSinceEpoch();
             }
