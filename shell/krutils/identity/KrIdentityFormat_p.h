@@ -3,7 +3,7 @@
 
 // Internal: how KrCommonUtils writes the machine's identity facts (KrMachineIdentity_p.h) as
 // the texts the client reports. Pure functions, apart from the system calls, so that the rules
-// are tested on fixed values; defined in KrCommonUtils.cpp and exported for the tests.
+// are tested on fixed values; defined in KrIdentityFormat.cpp and exported for the tests.
 
 #include <krutils/krutils_export.h>
 

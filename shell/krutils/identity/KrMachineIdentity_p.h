@@ -3,8 +3,8 @@
 
 // Internal: the operating-system facts behind KrCommonUtils' machine identity, raw and
 // unformatted. Free of Qt (and of <windows.h>), like the crash layer, so that the Windows side
-// builds with mingw-w64 alone and is tested under wine; KrCommonUtils.cpp turns the facts into
-// the texts the client reports.
+// builds with mingw-w64 alone and is tested under wine; KrCommonUtils_identity.cpp turns the
+// facts into the texts the client reports.
 //
 // KrMachineIdentity.cpp holds the processor query that both platforms share,
 // KrMachineIdentity_win.cpp and KrMachineIdentity_unix.cpp the rest. Texts are UTF-8. Every

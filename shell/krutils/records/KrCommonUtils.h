@@ -25,16 +25,16 @@ class QWidget;
 /// Qt::UserRole + 7; other keys are carried along) and a filter condition.
 using KrRecord = QMap<QString, QVariant>;
 /// One table row: column number to cell record. Rows are walked in ascending column order.
-using KrTableRecord = QMap<int, QMap<QString, QVariant>>;
+using KrTableRecord = QMap<int, KrRecord>;
 /// One filter condition, keyed by the krdefine constants Orvex_Fields::System::filterValue (the
 /// operand), Orvex_Fields::Infomation::compareOperator (an Orvex_Values::CompareOperator) and
 /// Orvex_Fields::Infomation::logicOperator (an Orvex_Values::LogicOperator joining this
 /// condition's result to the next condition of its group).
-using KrFilterCondition = QMap<QString, QVariant>;
+using KrFilterCondition = KrRecord;
 /// Conditions combined left to right, without precedence.
-using KrFilterGroup = QList<QMap<QString, QVariant>>;
+using KrFilterGroup = QList<KrFilterCondition>;
 /// The filter of one column: alternative groups, any one passing is enough.
-using KrFilterList = QList<QList<QMap<QString, QVariant>>>;
+using KrFilterList = QList<KrFilterGroup>;
 /// Column number to that column's filter.
 using KrColumnFilters = QMap<int, KrFilterList>;
 /// Column number to an integer handed to the single-value matcher (which does not use it).
@@ -61,20 +61,19 @@ public:
 
     /// Whether one cell value passes one column filter; `column` is not used.
     static bool isMatchFilterList(int column, const QVariant &value,
-                                  const QList<QList<QVariantMap>> &filterList);
+                                  const KrFilterList &filterList);
 
     /// Whether a row passes every column filter: a column with an empty filter is not looked at;
     /// a filtered column the row lacks fails it. The cell value is the cell record's "256" entry,
     /// else its "257" entry, else its "0" entry (whichever key is present first).
-    static bool isRecordMatchFilterList(const QMap<int, QVariantMap> &record,
-                                        const QMap<int, QList<QList<QVariantMap>>> &columnFilters,
-                                        const QMap<int, int> &columnTags);
+    static bool isRecordMatchFilterList(const KrTableRecord &record,
+                                        const KrColumnFilters &columnFilters,
+                                        const KrColumnTags &columnTags);
 
     /// The rows that pass, in their input order. The filters are read once for the whole list.
-    static QList<QMap<int, QVariantMap>>
-    getMatchRecordListByFilterList(const QList<QMap<int, QVariantMap>> &records,
-                                   const QMap<int, QList<QList<QVariantMap>>> &columnFilters,
-                                   const QMap<int, int> &columnTags);
+    static QList<KrTableRecord> getMatchRecordListByFilterList(const QList<KrTableRecord> &records,
+                                                               const KrColumnFilters &columnFilters,
+                                                               const KrColumnTags &columnTags);
     ///@}
 
     /// @name Summary row
@@ -86,9 +85,8 @@ public:
     /// other values are ignored. Each contribution is added in its own type, after converting the
     /// total so far with QVariant's toInt(), toDouble(), ... (so the total takes the type of the
     /// last value summed); integers wrap on overflow. Columns with nothing summed are absent.
-    static QMap<int, QVariantMap>
-    getTableViewSumRecord(const QList<QMap<int, QVariantMap>> &records,
-                          const QList<int> &excludedColumns);
+    static KrTableRecord getTableViewSumRecord(const QList<KrTableRecord> &records,
+                                               const QList<int> &excludedColumns);
     ///@}
 
     /// @name Sorting
@@ -101,11 +99,11 @@ public:
     ///@{
 
     /// Sorts records by named fields (a missing field reads as an invalid QVariant).
-    static int sortDataListByKeys(QList<QVariantMap> &records,
+    static int sortDataListByKeys(QList<KrRecord> &records,
                                   const QList<QPair<QString, Qt::SortOrder>> &keys);
     /// Sorts table rows by columns, reading each cell's "263" entry, else "256", else "0", else
     /// "257" (by key presence; an invalid QVariant when none is there).
-    static int sortTableViewRecordListByKeys(QList<QMap<int, QVariantMap>> &records,
+    static int sortTableViewRecordListByKeys(QList<KrTableRecord> &records,
                                              const QList<QPair<int, Qt::SortOrder>> &keys);
     ///@}
 
@@ -155,18 +153,17 @@ public:
     /// Reads "res/plugindata/algo/" + fileName: "InitialBasicParam", "InitialParamList",
     /// "PerformParam", "ReportParam" and "LogParam" into the lists, and, crosswise,
     /// "MonitorUIParam" into monitorUiParams and "CreateUIParam" into createUiParams.
-    static int
-    praseAlgoParamJsonFile(const QString &fileName, QList<QVariantMap> &initialBasicParams,
-                           QList<QVariantMap> &initialParams, QList<QVariantMap> &performParams,
-                           QList<QVariantMap> &reportParams, QList<QVariantMap> &logParams,
-                           QVariantMap &monitorUiParams, QVariantMap &createUiParams);
+    static int praseAlgoParamJsonFile(const QString &fileName, QList<KrRecord> &initialBasicParams,
+                                      QList<KrRecord> &initialParams,
+                                      QList<KrRecord> &performParams, QList<KrRecord> &reportParams,
+                                      QList<KrRecord> &logParams, KrRecord &monitorUiParams,
+                                      KrRecord &createUiParams);
     /// Reads "res/plugindata/Indicatoration/" + fileName: "InitialBasicParam",
     /// "InitialParamList", "ReportParam" and "CreateUIParam".
     static int praseIndicatorParamJsonFile(const QString &fileName,
-                                           QList<QVariantMap> &initialBasicParams,
-                                           QList<QVariantMap> &initialParams,
-                                           QList<QVariantMap> &reportParams,
-                                           QVariantMap &createUiParams);
+                                           QList<KrRecord> &initialBasicParams,
+                                           QList<KrRecord> &initialParams,
+                                           QList<KrRecord> &reportParams, KrRecord &createUiParams);
 
     /// doc = the JSON document of text; whether it parsed without error.
     static bool canCreateJsonDocu(QJsonDocument &doc, const QString &text);
