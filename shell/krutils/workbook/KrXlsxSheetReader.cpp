@@ -178,7 +178,7 @@ bool KrXlsxSheetReader::cellValue(KrXmlPullReader &xml, CellType type, DateKind 
         double number = 0;
         if (!parseNumber(text, &number))
             return cellError(xml, QStringLiteral("a malformed number '%1'").arg(fromUtf8(text)));
-        *value = fromSerial(number, kind, m_date1904);
+        *value = kind == DateKind::None ? QVariant(number) : fromSerial(number, kind, m_date1904);
         return true;
     }
     case SharedString: {

@@ -39,11 +39,14 @@ public:
 private:
     enum CellType { Number, SharedString, FormulaString, InlineString, Boolean, Error, IsoDate };
 
-    bool startRow(KrXmlPullReader &xml);
-    bool readCell(KrXmlPullReader &xml, QVariant *value);
-    bool readCellAttributes(KrXmlPullReader &xml, CellType *type, KrXlsxValues::DateKind *kind);
-    bool cellValue(KrXmlPullReader &xml, CellType type, KrXlsxValues::DateKind kind, bool hasValue,
-                   bool hasInline, QVariant *value);
+    // The steps of read(), for every row and cell. Forced inline: GCC keeps them apart
+    // otherwise, which costs about 2.5 % more instructions per worksheet.
+    Q_ALWAYS_INLINE bool startRow(KrXmlPullReader &xml);
+    Q_ALWAYS_INLINE bool readCell(KrXmlPullReader &xml, QVariant *value);
+    Q_ALWAYS_INLINE bool readCellAttributes(KrXmlPullReader &xml, CellType *type,
+                                            KrXlsxValues::DateKind *kind);
+    Q_ALWAYS_INLINE bool cellValue(KrXmlPullReader &xml, CellType type, KrXlsxValues::DateKind kind,
+                                   bool hasValue, bool hasInline, QVariant *value);
     bool cellError(KrXmlPullReader &xml, const QString &what);
 
     const QVector<QString> &m_sharedStrings;

@@ -227,46 +227,6 @@ bool isMinute(const std::vector<FormatToken> &tokens, size_t index)
 
 } // namespace
 
-bool parseNumber(std::string_view text, double *number)
-{
-    text = KrXmlText::trimmed(text);
-    if (text.size() > 1 && text.front() == '+' && text[1] != '-')
-        text.remove_prefix(1);
-    const auto result = std::from_chars(text.data(), text.data() + text.size(), *number);
-    return !text.empty() && result.ec == std::errc() && result.ptr == text.data() + text.size()
-            && std::isfinite(*number);
-}
-
-bool parseIndex(std::string_view text, quint32 max, quint32 *value)
-{
-    if (text.empty() || text.size() > 10 || (text.size() > 1 && text.front() == '0'))
-        return false;
-    quint64 result = 0;
-    for (char c : text) {
-        if (c < '0' || c > '9')
-            return false;
-        result = result * 10 + quint64(c - '0');
-    }
-    if (result > max)
-        return false;
-    *value = quint32(result);
-    return true;
-}
-
-bool parseCellReference(std::string_view text, int *row, int *column)
-{
-    size_t letters = 0;
-    int col = 0;
-    while (letters < text.size() && letters < 4 && text[letters] >= 'A' && text[letters] <= 'Z')
-        col = col * 26 + (text[letters++] - 'A' + 1);
-    quint32 r = 0;
-    if (letters == 0 || col > MaxColumn || !parseIndex(text.substr(letters), MaxRow, &r) || r == 0)
-        return false;
-    *row = int(r);
-    *column = col;
-    return true;
-}
-
 QString cellName(int row, int column)
 {
     QString letters;

@@ -1,9 +1,13 @@
 #ifndef KRXLSXVALUES_P_H
 #define KRXLSXVALUES_P_H
 
+#include "KrXmlText_p.h"
+
 #include <QString>
 #include <QVariant>
 
+#include <charconv>
+#include <cmath>
 #include <string_view>
 
 // Internal to KrXlsxReader: the values behind the texts of a workbook's XML, on UTF-8 bytes.
@@ -20,13 +24,52 @@ constexpr int MaxColumn = 16384; // XFD
 // and has no date: they are None, and the cell keeps its number of days.
 enum class DateKind : quint8 { None, Date, Time, DateTime };
 
+// The parsers the sheet loop calls for every cell are inline.
+
 // A number as cells hold it: decimal or scientific, white space around it allowed; false for
 // anything else, NaN and infinities included.
-bool parseNumber(std::string_view text, double *number);
+inline bool parseNumber(std::string_view text, double *number)
+{
+    text = KrXmlText::trimmed(text);
+    if (text.size() > 1 && text.front() == '+' && text[1] != '-')
+        text.remove_prefix(1);
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), *number);
+    return !text.empty() && result.ec == std::errc() && result.ptr == text.data() + text.size()
+            && std::isfinite(*number);
+}
+
 // A decimal number without sign or leading zeros, at most `max`.
-bool parseIndex(std::string_view text, quint32 max, quint32 *value);
+inline bool parseIndex(std::string_view text, quint32 max, quint32 *value)
+{
+    if (text.empty() || text.size() > 10 || (text.size() > 1 && text.front() == '0'))
+        return false;
+    quint64 result = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9')
+            return false;
+        result = result * 10 + quint64(c - '0');
+    }
+    if (result > max)
+        return false;
+    *value = quint32(result);
+    return true;
+}
+
 // "A1" .. "XFD1048576", upper case.
-bool parseCellReference(std::string_view text, int *row, int *column);
+inline bool parseCellReference(std::string_view text, int *row, int *column)
+{
+    size_t letters = 0;
+    int col = 0;
+    while (letters < text.size() && letters < 4 && text[letters] >= 'A' && text[letters] <= 'Z')
+        col = col * 26 + (text[letters++] - 'A' + 1);
+    quint32 r = 0;
+    if (letters == 0 || col > MaxColumn || !parseIndex(text.substr(letters), MaxRow, &r) || r == 0)
+        return false;
+    *row = int(r);
+    *column = col;
+    return true;
+}
+
 QString cellName(int row, int column);
 // A text with Excel's _xHHHH_ escapes of characters that XML cannot carry decoded.
 QString textValue(std::string_view utf8);

@@ -277,10 +277,9 @@ KrXmlPullReader::Token KrXmlPullReader::readText()
 
 bool KrXmlPullReader::decode(char *data, size_t *size, bool attribute)
 {
-    QString problem;
-    if (KrXmlText::decode(data, size, attribute, &problem))
+    if (Q_LIKELY(KrXmlText::decode(data, size, attribute, &m_decodeProblem)))
         return true;
-    fail(problem);
+    fail(m_decodeProblem);
     return false;
 }
 

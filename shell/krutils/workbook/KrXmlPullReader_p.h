@@ -143,13 +143,13 @@ private:
     Token readMarkup();
     bool readDeclaration(std::string_view declaration);
     Token emitEnd();
-    bool decode(char *data, size_t *size, bool attribute);
     bool textFits(size_t size);
     bool lookup(std::string_view prefix, Namespace *ns) const;
     // What readNext() does for nearly every token; defined in the .cpp. Forced inline because
     // GCC does not fold members of a class with external linkage into readNext() by itself, and
     // calling them separately costs about 5 % more instructions per worksheet.
     Q_ALWAYS_INLINE bool ensure(size_t size);
+    Q_ALWAYS_INLINE bool decode(char *data, size_t *size, bool attribute);
     Q_ALWAYS_INLINE Token readText();
     Q_ALWAYS_INLINE Scan scanStartTag(size_t *nameEnd, size_t *length, bool *selfClosing,
                                       const char **problem);
@@ -187,6 +187,7 @@ private:
     bool m_pendingEnd = false;
     bool m_popPending = false;
     QString m_error;
+    QString m_decodeProblem; // kept, so that decoding constructs no string unless it fails
 };
 
 #endif // KRXMLPULLREADER_P_H

@@ -71,15 +71,6 @@ bool isAllSpace(std::string_view text)
     return std::all_of(text.begin(), text.end(), isSpace);
 }
 
-std::string_view trimmed(std::string_view text)
-{
-    while (!text.empty() && isSpace(text.front()))
-        text.remove_prefix(1);
-    while (!text.empty() && isSpace(text.back()))
-        text.remove_suffix(1);
-    return text;
-}
-
 bool isValidName(std::string_view name)
 {
     if (name.empty() || name.front() == ':' || name.back() == ':' || name.front() == '-'

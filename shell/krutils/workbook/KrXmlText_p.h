@@ -53,7 +53,15 @@ inline bool isSpace(char c)
 }
 
 bool isAllSpace(std::string_view text);
-std::string_view trimmed(std::string_view text);
+
+inline std::string_view trimmed(std::string_view text)
+{
+    while (!text.empty() && isSpace(text.front()))
+        text.remove_prefix(1);
+    while (!text.empty() && isSpace(text.back()))
+        text.remove_suffix(1);
+    return text;
+}
 
 // A name may hold any byte but the ones XML reserves; one colon separates a prefix.
 bool isValidName(std::string_view name);
