@@ -3,6 +3,7 @@
 #include "KrXlsxSheetReader_p.h"
 #include "KrXlsxValues_p.h"
 #include "KrXmlPullReader_p.h"
+#include "KrXmlText_p.h"
 #include "KrZipEntryReader_p.h"
 
 #include <QFile>
@@ -34,15 +35,10 @@ QString relationshipKind(std::string_view type)
           std::string_view("http://purl.oclc.org/ooxml/officeDocument/relationships/")}) {
         if (type.substr(0, prefix.size()) == prefix) {
             type.remove_prefix(prefix.size());
-            return QString::fromUtf8(type.data(), int(type.size()));
+            return KrXmlText::toQString(type);
         }
     }
     return QString();
-}
-
-QString fromUtf8(std::string_view bytes)
-{
-    return QString::fromUtf8(bytes.data(), int(bytes.size()));
 }
 
 // Part names in a zip are compared the way the package format does: without regard to ASCII case.
@@ -195,12 +191,13 @@ bool KrXlsxReader::Private::readRelationships(const QString &part,
                     if (!xml.isElement(Ns::PackageRels, "Relationship")
                         || xml.attribute("TargetMode") == "External")
                         continue;
-                    const QString id = fromUtf8(xml.attribute("Id"));
+                    const QString id = KrXmlText::toQString(xml.attribute("Id"));
                     if (!relationships->contains(id)) {
                         relationships->insert(
                                 id,
                                 {relationshipKind(xml.attribute("Type")),
-                                 resolveTarget(part, fromUtf8(xml.attribute("Target")))});
+                                 resolveTarget(part,
+                                               KrXmlText::toQString(xml.attribute("Target")))});
                     }
                 }
                 return !xml.hasError();
@@ -231,8 +228,9 @@ bool KrXlsxReader::Private::readWorkbook(const QString &part)
                     } else if (xml.isElement(Ns::Sheet, "sheets")) {
                         while (xml.nextChild(2)) {
                             if (xml.isElement(Ns::Sheet, "sheet"))
-                                found.append({fromUtf8(xml.attribute("name")),
-                                              fromUtf8(xml.attribute("id", Ns::OfficeRels))});
+                                found.append({KrXmlText::toQString(xml.attribute("name")),
+                                              KrXmlText::toQString(
+                                                      xml.attribute("id", Ns::OfficeRels))});
                         }
                     }
                 }

@@ -8,15 +8,6 @@
 using namespace KrXlsxValues;
 using Ns = KrXmlPullReader::Namespace;
 
-namespace {
-
-QString fromUtf8(std::string_view bytes)
-{
-    return QString::fromUtf8(bytes.data(), int(bytes.size()));
-}
-
-} // namespace
-
 KrXlsxSheetReader::KrXlsxSheetReader(const QVector<QString> &sharedStrings,
                                      const std::vector<DateKind> &styleKinds, bool date1904)
     : m_sharedStrings(sharedStrings), m_styleKinds(styleKinds), m_date1904(date1904)
@@ -72,7 +63,8 @@ bool KrXlsxSheetReader::startRow(KrXmlPullReader &xml)
     const std::string_view rowNumber = xml.attribute("r");
     quint32 number = quint32(m_row) + 1;
     if (!rowNumber.empty() && (!parseIndex(rowNumber, MaxRow, &number) || number == 0)) {
-        xml.raiseError(QStringLiteral("a malformed row number '%1'").arg(fromUtf8(rowNumber)));
+        xml.raiseError(
+                QStringLiteral("a malformed row number '%1'").arg(KrXmlText::toQString(rowNumber)));
         return false;
     }
     if (number > quint32(MaxRow)) {
@@ -122,7 +114,8 @@ bool KrXlsxSheetReader::readCellAttributes(KrXmlPullReader &xml, CellType *type,
         switch (attribute.name.front()) {
         case 'r':
             if (!parseCellReference(v, &m_row, &m_column)) {
-                xml.raiseError(QStringLiteral("a malformed cell reference '%1'").arg(fromUtf8(v)));
+                xml.raiseError(QStringLiteral("a malformed cell reference '%1'")
+                                       .arg(KrXmlText::toQString(v)));
                 return false;
             }
             hasReference = true;
@@ -146,7 +139,9 @@ bool KrXlsxSheetReader::readCellAttributes(KrXmlPullReader &xml, CellType *type,
             else if (v == "d")
                 *type = IsoDate;
             else
-                return cellError(xml, QStringLiteral("an unknown cell type '%1'").arg(fromUtf8(v)));
+                return cellError(
+                        xml,
+                        QStringLiteral("an unknown cell type '%1'").arg(KrXmlText::toQString(v)));
             break;
         }
     }
@@ -177,7 +172,8 @@ bool KrXlsxSheetReader::cellValue(KrXmlPullReader &xml, CellType type, DateKind 
     case Number: {
         double number = 0;
         if (!parseNumber(text, &number))
-            return cellError(xml, QStringLiteral("a malformed number '%1'").arg(fromUtf8(text)));
+            return cellError(
+                    xml, QStringLiteral("a malformed number '%1'").arg(KrXmlText::toQString(text)));
         *value = kind == DateKind::None ? QVariant(number) : fromSerial(number, kind, m_date1904);
         return true;
     }
@@ -187,7 +183,7 @@ bool KrXlsxSheetReader::cellValue(KrXmlPullReader &xml, CellType type, DateKind 
             return cellError(xml,
                              QStringLiteral("shared string '%1' is out of range (the table "
                                             "holds %2)")
-                                     .arg(fromUtf8(text))
+                                     .arg(KrXmlText::toQString(text))
                                      .arg(m_sharedStrings.size()));
         *value = m_sharedStrings.at(int(index));
         return true;
@@ -201,15 +197,18 @@ bool KrXlsxSheetReader::cellValue(KrXmlPullReader &xml, CellType type, DateKind 
         else if (text == "0" || text == "false")
             *value = false;
         else
-            return cellError(xml, QStringLiteral("a malformed boolean '%1'").arg(fromUtf8(text)));
+            return cellError(
+                    xml,
+                    QStringLiteral("a malformed boolean '%1'").arg(KrXmlText::toQString(text)));
         return true;
     case Error:
-        *value = fromUtf8(text);
+        *value = KrXmlText::toQString(text);
         return true;
     case IsoDate:
         *value = fromIsoDateTime(text, kind);
         if (!value->isValid())
-            return cellError(xml, QStringLiteral("a malformed date '%1'").arg(fromUtf8(text)));
+            return cellError(
+                    xml, QStringLiteral("a malformed date '%1'").arg(KrXmlText::toQString(text)));
         return true;
     case InlineString:
         break;

@@ -237,7 +237,7 @@ QString cellName(int row, int column)
 
 QString textValue(std::string_view utf8)
 {
-    const QString text = QString::fromUtf8(utf8.data(), int(utf8.size()));
+    const QString text = KrXmlText::toQString(utf8);
     if (!text.contains(QLatin1String("_x")))
         return text;
     // A literal "_x" is written _x005F_x.

@@ -59,8 +59,7 @@ char32_t referencedCharacter(std::string_view name, QString *problem)
         }
         return value;
     }
-    *problem = QStringLiteral("an undeclared entity '%1'")
-                       .arg(QString::fromUtf8(name.data(), int(name.size())));
+    *problem = QStringLiteral("an undeclared entity '%1'").arg(toQString(name));
     return 0;
 }
 

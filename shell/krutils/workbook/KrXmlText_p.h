@@ -46,6 +46,11 @@ inline bool hasClass(char c, CharClass charClass)
     return charClasses[uchar(c)] & charClass;
 }
 
+inline QString toQString(std::string_view utf8)
+{
+    return QString::fromUtf8(utf8.data(), int(utf8.size()));
+}
+
 // XML white space.
 inline bool isSpace(char c)
 {
