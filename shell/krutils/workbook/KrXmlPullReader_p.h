@@ -34,8 +34,12 @@ class KrByteSource;
 // in place: every reference is longer than the UTF-8 it stands for.
 //
 //     KrXmlPullReader xml(source, {4 << 20, 256, 256});
-//     while (xml.nextChild(0)) // the document element
-//         ...
+//     if (xml.nextChild(0) && xml.isElement(KrXmlPullReader::Namespace::Sheet, "sst")) {
+//         while (xml.nextChild(1)) // the children of <sst>
+//             ...
+//     }
+//     if (xml.hasError())
+//         return fail(xml.errorString());
 class KrXmlPullReader
 {
 public:
@@ -101,9 +105,9 @@ public:
     // Appends the text of the element whose start tag was just read (not that of its children)
     // to `text`, and reads up to its end tag.
     void readElementText(std::string *text);
-    // Moves to the next child element of the element at `parentDepth` (0: the document element)
-    // and returns true; returns false at that element's end tag, at the end of the document, or
-    // on an error. Whatever the caller leaves unread of a child is skipped.
+    // Moves to the next child element of the element at `parentDepth` (with 0, to the document
+    // element) and returns true; returns false at that element's end tag, at the end of the
+    // document, or on an error. Whatever the caller leaves unread of a child is skipped.
     bool nextChild(int parentDepth);
     // Reads the rest of the document, so that its end is checked; false on an error.
     bool readToEnd();
