@@ -178,6 +178,12 @@ void tst_KrExcelFiles::importRecordsByHeader_data()
                          {"buy", true},
                          {"day", QDate(2024, 3, 1)}},
                         {{"code", "000001.SZ"}, {"qty", empty}, {"buy", false}, {"day", empty}}});
+    // The writer gives every QDateTime the format yyyy-mm-dd hh:mm:ss.
+    const QDateTime open(QDate(2024, 3, 1), QTime(9, 30), Qt::UTC);
+    const QDateTime midnight(QDate(2024, 3, 2), QTime(0, 0), Qt::UTC);
+    QTest::newRow("a date-time column keeps its type at midnight")
+            << QVector<TestCell>({{1, 1, "at"}, {2, 1, open}, {3, 1, midnight}})
+            << QList<QVariantMap>({{{"at", open}}, {{"at", midnight}}});
     QTest::newRow("header only") << QVector<TestCell>({{1, 1, "code"}, {1, 2, "qty"}})
                                  << QList<QVariantMap>();
     QTest::newRow("empty sheet") << QVector<TestCell>() << QList<QVariantMap>();

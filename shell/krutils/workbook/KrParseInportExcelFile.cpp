@@ -20,58 +20,10 @@ class SheetCells
 {
 public:
     // False when the sheet has become too large to turn into records.
-    bool add(KrXlsxCell &&cell)
-    {
-        m_firstRow = std::min(m_firstRow, cell.row);
-        m_lastRow = std::max(m_lastRow, cell.row);
-        m_firstColumn = std::min(m_firstColumn, cell.column);
-        m_lastColumn = std::max(m_lastColumn, cell.column);
-        // The range only grows, and every cell stored is a cell more to hold: a file repeating
-        // one cell over and over is refused as well.
-        if (qint64(width()) * height() > KrParseInportExcelFile::MaxCellsPerSheet
-            || ++m_cellCount > KrParseInportExcelFile::MaxCellsPerSheet)
-            return false;
-        if (cell.row > m_rows.size())
-            m_rows.resize(cell.row);
-        m_rows[cell.row - 1].append({cell.column, std::move(cell.value)});
-        return true;
-    }
-
-    int width() const { return m_lastColumn ? m_lastColumn - m_firstColumn + 1 : 0; }
-    int height() const { return m_lastRow ? m_lastRow - m_firstRow + 1 : 0; }
-
+    bool add(KrXlsxCell &&cell);
     // Row 1 gives the keys, rows 2 .. height the records; a key that appears twice takes its
     // rightmost column. Rows are released as they become records.
-    QList<QVariantMap> takeRecords()
-    {
-        const int columns = width();
-        const int rows = height();
-        QVector<QVariant> values(columns);
-        fillRow(1, values);
-        // Each key with its column, in key order, so that records are built by appending.
-        QMap<QString, int> columnOfKey;
-        for (int column = 0; column < columns; ++column)
-            columnOfKey.insert(values.at(column).toString(), column);
-        const QVector<std::pair<QString, int>> keys = [&] {
-            QVector<std::pair<QString, int>> sorted;
-            sorted.reserve(columnOfKey.size());
-            for (auto it = columnOfKey.cbegin(); it != columnOfKey.cend(); ++it)
-                sorted.append({it.key(), it.value()});
-            return sorted;
-        }();
-
-        QList<QVariantMap> records;
-        records.reserve(std::max(rows - 1, 0));
-        for (int row = 2; row <= rows; ++row) {
-            fillRow(row, values);
-            QVariantMap record;
-            for (const auto &key : keys)
-                record.insert(record.cend(), key.first, values.at(key.second));
-            records.append(record);
-        }
-        m_rows.clear();
-        return records;
-    }
+    QList<QVariantMap> takeRecords();
 
 private:
     struct Cell
@@ -80,19 +32,9 @@ private:
         QVariant value;
     };
 
-    // Spreads row `row` (1-based) over `values`, one entry per column from column 1; a later
-    // cell at the same place wins, as in the file.
-    void fillRow(int row, QVector<QVariant> &values)
-    {
-        std::fill(values.begin(), values.end(), QVariant());
-        if (row > m_rows.size())
-            return;
-        for (Cell &cell : m_rows[row - 1]) {
-            if (cell.column <= values.size())
-                values[cell.column - 1] = std::move(cell.value);
-        }
-        m_rows[row - 1] = QVector<Cell>();
-    }
+    int width() const { return m_lastColumn ? m_lastColumn - m_firstColumn + 1 : 0; }
+    int height() const { return m_lastRow ? m_lastRow - m_firstRow + 1 : 0; }
+    void fillRow(int row, QVector<QVariant> &values);
 
     QVector<QVector<Cell>> m_rows; // by row, from row 1
     int m_firstRow = INT_MAX;
@@ -101,6 +43,70 @@ private:
     int m_lastColumn = 0;
     qint64 m_cellCount = 0;
 };
+
+bool SheetCells::add(KrXlsxCell &&cell)
+{
+    m_firstRow = std::min(m_firstRow, cell.row);
+    m_lastRow = std::max(m_lastRow, cell.row);
+    m_firstColumn = std::min(m_firstColumn, cell.column);
+    m_lastColumn = std::max(m_lastColumn, cell.column);
+    // The range only grows, and every cell stored is a cell more to hold: a file repeating one
+    // cell over and over is refused as well.
+    if (qint64(width()) * height() > KrParseInportExcelFile::MaxCellsPerSheet
+        || ++m_cellCount > KrParseInportExcelFile::MaxCellsPerSheet)
+        return false;
+    if (cell.row > m_rows.size())
+        m_rows.resize(cell.row);
+    m_rows[cell.row - 1].append({cell.column, std::move(cell.value)});
+    return true;
+}
+
+// Each key with the column it takes, in key order, so that records are built by appending.
+QVector<std::pair<QString, int>> keyColumns(const QVector<QVariant> &header)
+{
+    QMap<QString, int> columnOfKey;
+    for (int column = 0; column < header.size(); ++column)
+        columnOfKey.insert(header.at(column).toString(), column);
+    QVector<std::pair<QString, int>> keys;
+    keys.reserve(columnOfKey.size());
+    for (auto it = columnOfKey.cbegin(); it != columnOfKey.cend(); ++it)
+        keys.append({it.key(), it.value()});
+    return keys;
+}
+
+QList<QVariantMap> SheetCells::takeRecords()
+{
+    const int rows = height();
+    QVector<QVariant> values(width());
+    fillRow(1, values);
+    const QVector<std::pair<QString, int>> keys = keyColumns(values);
+
+    QList<QVariantMap> records;
+    records.reserve(std::max(rows - 1, 0));
+    for (int row = 2; row <= rows; ++row) {
+        fillRow(row, values);
+        QVariantMap record;
+        for (const auto &key : keys)
+            record.insert(record.cend(), key.first, values.at(key.second));
+        records.append(record);
+    }
+    m_rows.clear();
+    return records;
+}
+
+// Spreads row `row` (1-based) over `values`, one entry per column from column 1; a later cell at
+// the same place wins, as in the file.
+void SheetCells::fillRow(int row, QVector<QVariant> &values)
+{
+    std::fill(values.begin(), values.end(), QVariant());
+    if (row > m_rows.size())
+        return;
+    for (Cell &cell : m_rows[row - 1]) {
+        if (cell.column <= values.size())
+            values[cell.column - 1] = std::move(cell.value);
+    }
+    m_rows[row - 1] = QVector<Cell>();
+}
 
 SheetDetailList readWorkbook(const QString &fileName)
 {

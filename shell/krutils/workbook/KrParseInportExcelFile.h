@@ -26,8 +26,11 @@ class KrThread;
 /// "report.2024.xlsx"). The header and the records are read from row 1 and column 1, as wide and
 /// as high as the sheet's used range (the cells present, whatever the file's `<dimension>` says),
 /// wherever that range starts. Values: numbers as double, booleans as bool, texts and error values
-/// as QString, date- or time-formatted numbers as QDate, QTime or QDateTime (wall-clock values,
-/// carried with Qt::UTC so that nothing shifts them), empty cells as an invalid QVariant.
+/// as QString, empty cells as an invalid QVariant, and date- or time-formatted numbers as their
+/// number format shows them, so that a column formatted alike comes as one type: QDateTime for a
+/// format with date and time (midnight included), QDate for a date-only format, QTime for a
+/// time-only one; elapsed-time formats (`[h]:mm`) keep the number of days as a double. Dates and
+/// times are wall-clock values, carried with Qt::UTC so that nothing shifts them.
 ///
 /// parseFileFinished() always reports true: a file that is not a readable workbook gives an empty
 /// list, and a sheet that cannot be read is missing from it; a warning in the log says why. A

@@ -1,9 +1,10 @@
 #ifndef KRXLSXREADER_P_H
 #define KRXLSXREADER_P_H
 
+#include "KrXlsxCell_p.h"
+
 #include <QString>
 #include <QStringList>
-#include <QVariant>
 
 #include <functional>
 #include <memory>
@@ -12,32 +13,35 @@ QT_BEGIN_NAMESPACE
 class QIODevice;
 QT_END_NAMESPACE
 
-// One cell of a worksheet as KrXlsxReader hands it out.
-//
-// value holds the cell's value with the type the file gives it:
-//   - double for every number, as the file stores it (an integer-valued number is still a double);
-//   - bool for booleans;
-//   - QString for texts (shared, inline and formula results) and for error values ("#DIV/0!");
-//   - QDate, QTime or QDateTime for numbers whose cell style has a date or time number format, and
-//     for ISO 8601 dates stored in the cell: a whole number becomes a QDate, a number below 1 a
-//     QTime, any other a QDateTime. Dates and times are wall-clock values: the file has no time
-//     zone, so a QDateTime always carries Qt::UTC as a neutral basis that no time-zone or
-//     daylight-saving rule can shift (read its date() and time(), or toString(); do not convert it
-//     to local time). Times are rounded to the millisecond. A date-formatted number that has no
-//     date (negative, beyond 9999-12-31, or 60 in the 1900 date system, Excel's fictitious
-//     1900-02-29) stays a double.
-struct KrXlsxCell
-{
-    int row = 0; // 1-based, at most 1,048,576
-    int column = 0; // 1-based, at most 16,384 (XFD)
-    QVariant value;
-};
-
 // The reading half of the internal workbook layer: a streaming reader of Office Open XML
 // workbooks (.xlsx, transitional and strict) on minizip's unzip API. A worksheet is decompressed
 // and parsed in one pass and handed out cell by cell; no sheet's XML is ever held in memory as a
-// whole. The workbook's shared strings and the date-ness of its cell styles are kept from open()
-// to close().
+// whole. The workbook's shared strings and what the number formats of its cell styles show are
+// kept from open() to close().
+//
+// Cell values take the type the file gives them:
+//   - double for every number, as the file stores it (an integer-valued number is still a double);
+//   - bool for booleans;
+//   - QString for texts (shared, inline and formula results) and for error values ("#DIV/0!");
+//   - for numbers whose cell style has a date or time number format, the type that format
+//     shows, so that a column formatted alike reads as one type: a format with date and time
+//     parts (yyyy-mm-dd hh:mm, built-in 22) gives a QDateTime, midnight included; a date-only
+//     format (yyyy-mm-dd, built-in 14) a QDate, whatever time of day the number also holds; a
+//     time-only format (hh:mm:ss, mm:ss, built-in 18-21 and 45) a QTime, whatever day. In a format
+//     code an m or mm right after an hour or right before seconds is minutes, any other m a
+//     month. Elapsed-time formats ([h]:mm, [mm]:ss, built-in 46) show a duration, which may pass
+//     24 hours and has no date: those numbers stay doubles (days, as the file holds them). A
+//     number below 0 or after 9999-12-31 stays a double as well, and so does one under a format
+//     with a date where that date does not exist (in the 1900 date system below 1, and 60,
+//     Excel's fictitious 1900-02-29);
+//   - ISO 8601 dates stored in the cell (type "d") follow the cell's format the same way; under
+//     no date format, or without a date in the text, they keep the parts they write ("2024-03-10"
+//     a QDate, "14:30" a QTime, "2024-03-10T14:30" a QDateTime).
+// Dates and times are wall-clock values: the file has no time zone, so a QDateTime always
+// carries Qt::UTC as a neutral basis that no time-zone or daylight-saving rule can shift (read
+// its date() and time(), or toString(); do not convert it to local time). Times are rounded to
+// the millisecond; a date-time that rounds up to midnight moves to the next day, a time of day
+// stops at 23:59:59.999.
 //
 // Failures come back as false with errorString() saying why; the reader logs nothing. An input
 // that is not a workbook, damaged or hostile (truncated or encrypted files, malformed XML, zip

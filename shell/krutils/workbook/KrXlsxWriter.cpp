@@ -201,7 +201,10 @@ struct KrXlsxWriter::Private
     bool checkStreamedRows(std::vector<long> &rowBytes);
     bool checkArchivedSheets(const std::vector<long> &rowBytes);
 
+    bool startCell(int row, int column);
+    bool writeValue(int row, int column, const QVariant &value, CellFormat cellFormat);
     bool writeText(int row, int column, const QString &text, CellFormat cellFormat);
+    bool writeBoolean(int row, int column, bool value, CellFormat cellFormat);
     bool writeNumber(int row, int column, double number, CellFormat cellFormat,
                      NumberKind kind = General);
     template<typename Integer>
@@ -400,6 +403,100 @@ bool KrXlsxWriter::Private::writeDateTime(int row, int column, const QDate &date
                        hasMsecs ? DateTimeMs : DateTime);
 }
 
+// Checks the place of a cell about to be written; the rows before it are finished from then on.
+bool KrXlsxWriter::Private::startCell(int row, int column)
+{
+    if (!canWrite())
+        return false;
+    if (!sheet)
+        return fail(QStringLiteral("No sheet to write to: a sheet must be added first"));
+    if (row < 1 || row > maxRows) {
+        return fail(QStringLiteral("Sheet %1: row %2 is outside the sheet (rows 1 to %3)")
+                            .arg(quoted(sheetNames.last()))
+                            .arg(row)
+                            .arg(maxRows));
+    }
+    if (column < 1 || column > maxColumns) {
+        return fail(QStringLiteral("Sheet %1: column %2 is outside the sheet (columns 1 to %3)")
+                            .arg(quoted(sheetNames.last()))
+                            .arg(column)
+                            .arg(maxColumns));
+    }
+    // Finished rows are on disk already; libxlsxwriter would drop a cell written to one.
+    if (row < lastRow) {
+        return fail(cellPlace(row, column)
+                    + QStringLiteral("rows must be written in ascending order, and row %1 "
+                                     "has been written already")
+                              .arg(lastRow));
+    }
+    lastRow = row;
+    return true;
+}
+
+bool KrXlsxWriter::Private::writeBoolean(int row, int column, bool value, CellFormat cellFormat)
+{
+    lxw_format *cell = nullptr;
+    if (cellFormat != PlainFormat && !(cell = format(cellFormat, General)))
+        return check(LXW_ERROR_MEMORY_MALLOC_FAILED, row, column);
+    return check(
+            worksheet_write_boolean(sheet, lxw_row_t(row - 1), lxw_col_t(column - 1), value, cell),
+            row, column);
+}
+
+bool KrXlsxWriter::Private::writeValue(int row, int column, const QVariant &value,
+                                       CellFormat cellFormat)
+{
+    switch (value.userType()) {
+    case QMetaType::QString:
+        // Read in place: QVariant::toString() would copy the string's reference count around.
+        return writeText(row, column, *static_cast<const QString *>(value.constData()), cellFormat);
+    case QMetaType::Bool:
+        return writeBoolean(row, column, value.toBool(), cellFormat);
+    case QMetaType::Int:
+    case QMetaType::Short:
+    case QMetaType::Char:
+    case QMetaType::SChar:
+    case QMetaType::Long:
+    case QMetaType::LongLong:
+        return writeInteger(row, column, value.toLongLong(), cellFormat);
+    case QMetaType::UInt:
+    case QMetaType::UShort:
+    case QMetaType::UChar:
+    case QMetaType::ULong:
+    case QMetaType::ULongLong:
+        return writeInteger(row, column, value.toULongLong(), cellFormat);
+    case QMetaType::Double:
+        return writeDouble(row, column, value.toDouble(), cellFormat);
+    case QMetaType::Float:
+        return writeDouble(row, column, widenFloat(value.toFloat()), cellFormat);
+    case QMetaType::QDate: {
+        const QDate date = value.toDate();
+        if (!isExcelDay(date))
+            return writeText(row, column, QLocale::c().toString(date, dateText), cellFormat);
+        return writeNumber(row, column, excelDay(date), cellFormat, Date);
+    }
+    case QMetaType::QTime: {
+        const QTime time = value.toTime();
+        return writeNumber(row, column, dayFraction(time), cellFormat, time.msec() ? TimeMs : Time);
+    }
+    case QMetaType::QDateTime: {
+        const QDateTime dateTime = value.toDateTime();
+        if (!dateTime.date().isValid())
+            return true;
+        return writeDateTime(row, column, dateTime.date(), dateTime.time(), cellFormat);
+    }
+    default: {
+        QVariant asText = value;
+        if (!asText.convert(QMetaType::QString)) {
+            return fail(cellPlace(row, column)
+                        + QStringLiteral("a value of type %1 has no text form to write")
+                                  .arg(QLatin1String(value.typeName())));
+        }
+        return writeText(row, column, asText.toString(), cellFormat);
+    }
+    }
+}
+
 KrXlsxWriter::KrXlsxWriter(const QString &fileName) : d(new Private)
 {
     if (fileName.isEmpty()) {
@@ -516,89 +613,11 @@ bool KrXlsxWriter::addSheet(const QString &name)
 
 bool KrXlsxWriter::writeCell(int row, int column, const QVariant &value, CellFormat format)
 {
-    if (!d->canWrite())
+    if (!d->startCell(row, column))
         return false;
-    if (!d->sheet)
-        return d->fail(QStringLiteral("No sheet to write to: a sheet must be added first"));
-    if (row < 1 || row > maxRows) {
-        return d->fail(QStringLiteral("Sheet %1: row %2 is outside the sheet (rows 1 to %3)")
-                               .arg(quoted(d->sheetNames.last()))
-                               .arg(row)
-                               .arg(maxRows));
-    }
-    if (column < 1 || column > maxColumns) {
-        return d->fail(QStringLiteral("Sheet %1: column %2 is outside the sheet (columns 1 to %3)")
-                               .arg(quoted(d->sheetNames.last()))
-                               .arg(column)
-                               .arg(maxColumns));
-    }
-    // Finished rows are on disk already; libxlsxwriter would drop a cell written to one.
-    if (row < d->lastRow) {
-        return d->fail(d->cellPlace(row, column)
-                       + QStringLiteral("rows must be written in ascending order, and row %1 "
-                                        "has been written already")
-                                 .arg(d->lastRow));
-    }
-    d->lastRow = row;
-
     if (value.isNull())
         return true;
-
-    switch (value.userType()) {
-    case QMetaType::QString:
-        // Read in place: QVariant::toString() would copy the string's reference count around.
-        return d->writeText(row, column, *static_cast<const QString *>(value.constData()), format);
-    case QMetaType::Bool: {
-        lxw_format *cell = nullptr;
-        if (format != PlainFormat && !(cell = d->format(format, General)))
-            return d->check(LXW_ERROR_MEMORY_MALLOC_FAILED, row, column);
-        return d->check(worksheet_write_boolean(d->sheet, lxw_row_t(row - 1), lxw_col_t(column - 1),
-                                                value.toBool(), cell),
-                        row, column);
-    }
-    case QMetaType::Int:
-    case QMetaType::Short:
-    case QMetaType::Char:
-    case QMetaType::SChar:
-    case QMetaType::Long:
-    case QMetaType::LongLong:
-        return d->writeInteger(row, column, value.toLongLong(), format);
-    case QMetaType::UInt:
-    case QMetaType::UShort:
-    case QMetaType::UChar:
-    case QMetaType::ULong:
-    case QMetaType::ULongLong:
-        return d->writeInteger(row, column, value.toULongLong(), format);
-    case QMetaType::Double:
-        return d->writeDouble(row, column, value.toDouble(), format);
-    case QMetaType::Float:
-        return d->writeDouble(row, column, widenFloat(value.toFloat()), format);
-    case QMetaType::QDate: {
-        const QDate date = value.toDate();
-        if (!isExcelDay(date))
-            return d->writeText(row, column, QLocale::c().toString(date, dateText), format);
-        return d->writeNumber(row, column, excelDay(date), format, Date);
-    }
-    case QMetaType::QTime: {
-        const QTime time = value.toTime();
-        return d->writeNumber(row, column, dayFraction(time), format, time.msec() ? TimeMs : Time);
-    }
-    case QMetaType::QDateTime: {
-        const QDateTime dateTime = value.toDateTime();
-        if (!dateTime.date().isValid())
-            return true;
-        return d->writeDateTime(row, column, dateTime.date(), dateTime.time(), format);
-    }
-    default: {
-        QVariant text = value;
-        if (!text.convert(QMetaType::QString)) {
-            return d->fail(d->cellPlace(row, column)
-                           + QStringLiteral("a value of type %1 has no text form to write")
-                                     .arg(QLatin1String(value.typeName())));
-        }
-        return d->writeText(row, column, text.toString(), format);
-    }
-    }
+    return d->writeValue(row, column, value, format);
 }
 
 bool KrXlsxWriter::setColumnWidth(int firstColumn, int lastColumn, double width)

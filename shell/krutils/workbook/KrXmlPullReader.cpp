@@ -1,18 +1,17 @@
 #include "KrXmlPullReader_p.h"
 
-#include "KrXlsxReader_p.h"
-#include "KrZipEntryReader_p.h"
+#include "KrByteSource_p.h"
+#include "KrXmlText_p.h"
 
 #include <QTextCodec>
 #include <QTextDecoder>
 
 #include <algorithm>
-#include <array>
-#include <charconv>
 #include <cstring>
 
 namespace {
 
+using namespace KrXmlText;
 using Namespace = KrXmlPullReader::Namespace;
 
 Namespace namespaceOf(std::string_view uri)
@@ -30,107 +29,10 @@ Namespace namespaceOf(std::string_view uri)
     return Namespace::Other;
 }
 
-enum CharClass : quint8 {
-    Space = 1,
-    ElementNameEnd = 2, // white space, '/', '>'
-    AttributeNameEnd = 4, // white space, '=', '/', '>'
-    NotInName = 8, // control characters, white space and what XML reserves
-    SpecialInText = 16, // what decode() rewrites in text: '&', '\r'
-    SpecialInValue = 32, // ... and in attribute values: also '<', '\t', '\n'
-};
-
-constexpr std::array<quint8, 256> makeCharClasses()
-{
-    std::array<quint8, 256> classes = {};
-    for (int c = 0; c <= ' '; ++c)
-        classes[c] |= NotInName;
-    for (char c : {' ', '\t', '\n', '\r'})
-        classes[uchar(c)] |= Space | ElementNameEnd | AttributeNameEnd;
-    for (char c : {'/', '>'})
-        classes[uchar(c)] |= ElementNameEnd | AttributeNameEnd;
-    classes[uchar('=')] |= AttributeNameEnd;
-    for (char c : {'<', '>', '&', '"', '\'', '=', '/', '!', '?'})
-        classes[uchar(c)] |= NotInName;
-    for (char c : {'&', '\r'})
-        classes[uchar(c)] |= SpecialInText | SpecialInValue;
-    for (char c : {'<', '\t', '\n'})
-        classes[uchar(c)] |= SpecialInValue;
-    return classes;
-}
-
-constexpr std::array<quint8, 256> charClasses = makeCharClasses();
-
-bool hasClass(char c, CharClass charClass)
-{
-    return charClasses[uchar(c)] & charClass;
-}
-
-bool isXmlSpace(char c)
-{
-    return hasClass(c, Space);
-}
-
-bool isAllSpace(std::string_view text)
-{
-    return std::all_of(text.begin(), text.end(), isXmlSpace);
-}
-
-// A name may hold any byte but the ones XML reserves; one colon separates a prefix.
-bool isValidName(std::string_view name)
-{
-    if (name.empty() || name.front() == ':' || name.back() == ':' || name.front() == '-'
-        || name.front() == '.' || (name.front() >= '0' && name.front() <= '9'))
-        return false;
-    int colons = 0;
-    for (char c : name) {
-        if (hasClass(c, NotInName))
-            return false;
-        colons += c == ':';
-    }
-    return colons <= 1;
-}
-
-void splitName(std::string_view qualified, std::string_view *prefix, std::string_view *local)
-{
-    const size_t colon = qualified.find(':');
-    if (colon == std::string_view::npos) {
-        *prefix = std::string_view();
-        *local = qualified;
-    } else {
-        *prefix = qualified.substr(0, colon);
-        *local = qualified.substr(colon + 1);
-    }
-}
-
-bool isXmlChar(char32_t c)
-{
-    return c == 0x9 || c == 0xA || c == 0xD || (c >= 0x20 && c <= 0xD7FF)
-            || (c >= 0xE000 && c <= 0xFFFD) || (c >= 0x10000 && c <= 0x10FFFF);
-}
-
-char *appendUtf8(char *out, char32_t c)
-{
-    if (c < 0x80) {
-        *out++ = char(c);
-    } else if (c < 0x800) {
-        *out++ = char(0xC0 | (c >> 6));
-        *out++ = char(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-        *out++ = char(0xE0 | (c >> 12));
-        *out++ = char(0x80 | ((c >> 6) & 0x3F));
-        *out++ = char(0x80 | (c & 0x3F));
-    } else {
-        *out++ = char(0xF0 | (c >> 18));
-        *out++ = char(0x80 | ((c >> 12) & 0x3F));
-        *out++ = char(0x80 | ((c >> 6) & 0x3F));
-        *out++ = char(0x80 | (c & 0x3F));
-    }
-    return out;
-}
-
 } // namespace
 
-KrXmlPullReader::KrXmlPullReader(KrZipEntryReader &source) : m_source(source)
+KrXmlPullReader::KrXmlPullReader(KrByteSource &source, const Limits &limits)
+    : m_source(source), m_limits(limits)
 {
 }
 
@@ -191,8 +93,8 @@ bool KrXmlPullReader::more()
     if (m_sourceDone || m_token == Invalid)
         return false;
     const size_t pending = m_end - m_pos;
-    if (pending > size_t(KrXlsxReader::MaxXmlTokenSize)) {
-        fail(QStringLiteral("a token is longer than %1 bytes").arg(KrXlsxReader::MaxXmlTokenSize));
+    if (pending > size_t(m_limits.maxTokenSize)) {
+        fail(QStringLiteral("a token is longer than %1 bytes").arg(m_limits.maxTokenSize));
         return false;
     }
     if (m_pos > 0) {
@@ -373,74 +275,12 @@ KrXmlPullReader::Token KrXmlPullReader::readText()
     return Characters;
 }
 
-// Decodes references and normalizes line ends (and, in attribute values, white space) in place.
 bool KrXmlPullReader::decode(char *data, size_t *size, bool attribute)
 {
-    const CharClass special = attribute ? SpecialInValue : SpecialInText;
-    const char *end = data + *size;
-    const char *in = data;
-    while (in < end && !hasClass(*in, special))
-        ++in;
-    char *out = data + (in - data);
-    while (in < end) {
-        const char c = *in;
-        if (c == '&') {
-            const char *semicolon = in + 1;
-            while (semicolon < end && *semicolon != ';' && semicolon - in < 32)
-                ++semicolon;
-            if (semicolon >= end || *semicolon != ';') {
-                fail("an unterminated reference");
-                return false;
-            }
-            const std::string_view name(in + 1, size_t(semicolon - in - 1));
-            char32_t code = 0;
-            if (name == "lt") {
-                code = '<';
-            } else if (name == "gt") {
-                code = '>';
-            } else if (name == "amp") {
-                code = '&';
-            } else if (name == "quot") {
-                code = '"';
-            } else if (name == "apos") {
-                code = '\'';
-            } else if (name.size() >= 2 && name[0] == '#') {
-                const bool hex = name[1] == 'x';
-                const std::string_view digits = name.substr(hex ? 2 : 1);
-                uint32_t value = 0;
-                const auto result = std::from_chars(digits.data(), digits.data() + digits.size(),
-                                                    value, hex ? 16 : 10);
-                if (digits.empty() || result.ec != std::errc()
-                    || result.ptr != digits.data() + digits.size() || !isXmlChar(value)) {
-                    fail("an invalid character reference");
-                    return false;
-                }
-                code = value;
-            } else {
-                fail(QStringLiteral("an undeclared entity '%1'")
-                             .arg(QString::fromUtf8(name.data(), int(name.size()))));
-                return false;
-            }
-            out = appendUtf8(out, code);
-            in = semicolon + 1;
-        } else if (c == '\r') {
-            *out++ = attribute ? ' ' : '\n';
-            ++in;
-            if (in < end && *in == '\n')
-                ++in;
-        } else if (attribute && (c == '\n' || c == '\t')) {
-            *out++ = ' ';
-            ++in;
-        } else if (attribute && c == '<') {
-            fail("'<' in an attribute value");
-            return false;
-        } else {
-            *out++ = c;
-            ++in;
-        }
-    }
-    *size = size_t(out - data);
-    return true;
+    if (Q_LIKELY(KrXmlText::decode(data, size, attribute, &m_decodeProblem)))
+        return true;
+    fail(m_decodeProblem);
+    return false;
 }
 
 bool KrXmlPullReader::lookup(std::string_view prefix, Namespace *ns) const
@@ -478,7 +318,7 @@ KrXmlPullReader::Scan KrXmlPullReader::scanStartTag(size_t *nameEnd, size_t *len
     m_spans.clear();
     bool separated = true;
     for (;;) {
-        while (p < available && isXmlSpace(data[p])) {
+        while (p < available && isSpace(data[p])) {
             ++p;
             separated = true;
         }
@@ -505,7 +345,7 @@ KrXmlPullReader::Scan KrXmlPullReader::scanStartTag(size_t *nameEnd, size_t *len
         while (p < available && !hasClass(data[p], AttributeNameEnd))
             ++p;
         span.nameEnd = p;
-        while (p < available && isXmlSpace(data[p]))
+        while (p < available && isSpace(data[p]))
             ++p;
         if (p >= available)
             return NeedMore;
@@ -513,7 +353,7 @@ KrXmlPullReader::Scan KrXmlPullReader::scanStartTag(size_t *nameEnd, size_t *len
         if (data[p] != '=')
             return Malformed;
         ++p;
-        while (p < available && isXmlSpace(data[p]))
+        while (p < available && isSpace(data[p]))
             ++p;
         if (p >= available)
             return NeedMore;
@@ -554,47 +394,15 @@ KrXmlPullReader::Token KrXmlPullReader::readStartTag()
     const std::string_view qualifiedName(tag + 1, nameEnd - 1);
     if (!isValidName(qualifiedName))
         return fail("an invalid element name");
-
-    m_attributes.clear();
     bool declares = false;
-    for (const AttributeSpan &span : m_spans) {
-        const std::string_view qualifiedAttribute(tag + span.nameBegin,
-                                                  span.nameEnd - span.nameBegin);
-        if (!isValidName(qualifiedAttribute))
-            return fail("an invalid attribute name");
-        size_t valueSize = span.valueEnd - span.valueBegin;
-        if (!decode(tag + span.valueBegin, &valueSize, true))
-            return Invalid;
-        Attribute attribute;
-        splitName(qualifiedAttribute, &attribute.prefix, &attribute.name);
-        attribute.value = std::string_view(tag + span.valueBegin, valueSize);
-        if ((attribute.prefix.empty() && attribute.name == "xmlns")
-            || attribute.prefix == "xmlns") {
-            attribute.ns = Namespace::Declaration;
-            declares = true;
-        }
-        m_attributes.push_back(attribute);
-    }
+    if (!readAttributes(tag, &declares))
+        return Invalid;
 
     // Namespace declarations first: they apply to the element's own name and attributes.
     const size_t bindingsBefore = m_bindings.size();
     const Namespace defaultBefore = m_defaultNs;
-    if (declares) {
-        for (const Attribute &attribute : m_attributes) {
-            if (attribute.ns != Namespace::Declaration)
-                continue;
-            const bool isDefault = attribute.prefix.empty();
-            if (!isDefault && attribute.value.empty())
-                return fail("a namespace prefix bound to nothing");
-            const Namespace ns = namespaceOf(attribute.value);
-            m_bindings.push_back(
-                    {std::string(isDefault ? std::string_view() : attribute.name), ns});
-            if (isDefault)
-                m_defaultNs = ns;
-        }
-        if (m_bindings.size() > size_t(KrXlsxReader::MaxXmlNamespaceDeclarations))
-            return fail("too many namespace declarations");
-    }
+    if (declares && !declareNamespaces())
+        return Invalid;
     for (Attribute &attribute : m_attributes) {
         if (attribute.ns != Namespace::Declaration && !attribute.prefix.empty()
             && !lookup(attribute.prefix, &attribute.ns))
@@ -605,7 +413,7 @@ KrXmlPullReader::Token KrXmlPullReader::readStartTag()
     if (!lookup(prefix, &m_ns))
         return fail("an undeclared namespace prefix");
 
-    if (m_stack.size() >= size_t(KrXlsxReader::MaxXmlDepth))
+    if (m_stack.size() >= size_t(m_limits.maxDepth))
         return fail("elements nest too deeply");
     m_stack.push_back({m_names.size(), qualifiedName.size(), prefix.empty() ? 0 : prefix.size() + 1,
                        bindingsBefore, m_ns, defaultBefore});
@@ -616,8 +424,56 @@ KrXmlPullReader::Token KrXmlPullReader::readStartTag()
     return StartElement;
 }
 
-// Appends the text of the element whose start tag was just read (not that of its children) to
-// `text`, and reads up to its end tag.
+// Fills m_attributes from the spans scanStartTag() found, their values decoded in place.
+bool KrXmlPullReader::readAttributes(char *tag, bool *declares)
+{
+    m_attributes.clear();
+    for (const AttributeSpan &span : m_spans) {
+        const std::string_view qualifiedAttribute(tag + span.nameBegin,
+                                                  span.nameEnd - span.nameBegin);
+        if (!isValidName(qualifiedAttribute)) {
+            fail("an invalid attribute name");
+            return false;
+        }
+        size_t valueSize = span.valueEnd - span.valueBegin;
+        if (!decode(tag + span.valueBegin, &valueSize, true))
+            return false;
+        Attribute attribute;
+        splitName(qualifiedAttribute, &attribute.prefix, &attribute.name);
+        attribute.value = std::string_view(tag + span.valueBegin, valueSize);
+        if ((attribute.prefix.empty() && attribute.name == "xmlns")
+            || attribute.prefix == "xmlns") {
+            attribute.ns = Namespace::Declaration;
+            *declares = true;
+        }
+        m_attributes.push_back(attribute);
+    }
+    return true;
+}
+
+// Binds the prefixes the start tag just read declares; pop() unbinds them at its end.
+bool KrXmlPullReader::declareNamespaces()
+{
+    for (const Attribute &attribute : m_attributes) {
+        if (attribute.ns != Namespace::Declaration)
+            continue;
+        const bool isDefault = attribute.prefix.empty();
+        if (!isDefault && attribute.value.empty()) {
+            fail("a namespace prefix bound to nothing");
+            return false;
+        }
+        const Namespace ns = namespaceOf(attribute.value);
+        m_bindings.push_back({std::string(isDefault ? std::string_view() : attribute.name), ns});
+        if (isDefault)
+            m_defaultNs = ns;
+    }
+    if (m_bindings.size() > size_t(m_limits.maxNamespaceDeclarations)) {
+        fail("too many namespace declarations");
+        return false;
+    }
+    return true;
+}
+
 void KrXmlPullReader::readElementText(std::string *text)
 {
     // Most elements hold one run of text and close at once: <v>12</v>. Take that in one step.
@@ -634,11 +490,8 @@ void KrXmlPullReader::readElementText(std::string *text)
             size_t decoded = length;
             if (!decode(data, &decoded, false))
                 return;
-            if (text->size() + decoded > size_t(KrXlsxReader::MaxXmlTokenSize)) {
-                raiseError(QStringLiteral("a text is longer than %1 bytes")
-                                   .arg(KrXlsxReader::MaxXmlTokenSize));
+            if (!textFits(text->size() + decoded))
                 return;
-            }
             text->append(data, decoded);
             m_pos += length + 3 + open.nameSize;
             m_token = emitEnd();
@@ -650,11 +503,8 @@ void KrXmlPullReader::readElementText(std::string *text)
         switch (readNext()) {
         case Characters:
             if (depth() == elementDepth) {
-                if (text->size() + m_text.size() > size_t(KrXlsxReader::MaxXmlTokenSize)) {
-                    raiseError(QStringLiteral("a text is longer than %1 bytes")
-                                       .arg(KrXlsxReader::MaxXmlTokenSize));
+                if (!textFits(text->size() + m_text.size()))
                     return;
-                }
                 text->append(m_text);
             }
             break;
@@ -669,6 +519,45 @@ void KrXmlPullReader::readElementText(std::string *text)
             return;
         }
     }
+}
+
+// Whether readElementText() may collect `size` bytes; raises the error when not.
+bool KrXmlPullReader::textFits(size_t size)
+{
+    if (size <= size_t(m_limits.maxTokenSize))
+        return true;
+    raiseError(QStringLiteral("a text is longer than %1 bytes").arg(m_limits.maxTokenSize));
+    return false;
+}
+
+bool KrXmlPullReader::nextChild(int parentDepth)
+{
+    for (;;) {
+        switch (readNext()) {
+        case StartElement:
+            if (depth() == parentDepth + 1)
+                return true;
+            break;
+        case EndElement:
+            if (depth() < parentDepth)
+                return false;
+            break;
+        case Characters:
+            break;
+        case EndDocument:
+        case Invalid:
+            return false;
+        }
+    }
+}
+
+bool KrXmlPullReader::readToEnd()
+{
+    while (readNext() != EndDocument) {
+        if (hasError())
+            return false;
+    }
+    return true;
 }
 
 KrXmlPullReader::Token KrXmlPullReader::readEndTag()
@@ -687,7 +576,7 @@ KrXmlPullReader::Token KrXmlPullReader::readEndTag()
     if (!find(">", 2, &close))
         return m_token == Invalid ? Invalid : fail("the document ends inside a tag");
     std::string_view name(m_buffer.get() + m_pos + 2, close - 2);
-    while (!name.empty() && isXmlSpace(name.back()))
+    while (!name.empty() && isSpace(name.back()))
         name.remove_suffix(1);
     if (name != std::string_view(m_names).substr(open.nameOffset, open.nameSize))
         return fail("an end tag that does not match its start tag");
@@ -731,7 +620,7 @@ KrXmlPullReader::Token KrXmlPullReader::readMarkup()
         const std::string_view target
                 = instruction.substr(0, std::min(instruction.size(), size_t(3)));
         if ((target == "xml" || target == "XML")
-            && (instruction.size() == 3 || isXmlSpace(instruction[3]))) {
+            && (instruction.size() == 3 || isSpace(instruction[3]))) {
             // Only the first bytes of the document (after a byte-order mark) may declare it.
             if (offset != m_documentStart)
                 return fail("a misplaced XML declaration");
@@ -775,7 +664,7 @@ bool KrXmlPullReader::readDeclaration(std::string_view declaration)
     if (at == std::string_view::npos)
         return true;
     std::string_view rest = declaration.substr(at + 8);
-    while (!rest.empty() && (isXmlSpace(rest.front()) || rest.front() == '='))
+    while (!rest.empty() && (isSpace(rest.front()) || rest.front() == '='))
         rest.remove_prefix(1);
     if (rest.empty() || (rest.front() != '"' && rest.front() != '\'')) {
         fail("a malformed XML declaration");

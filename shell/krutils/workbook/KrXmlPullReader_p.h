@@ -13,10 +13,10 @@ QT_BEGIN_NAMESPACE
 class QTextDecoder;
 QT_END_NAMESPACE
 
-class KrZipEntryReader;
+class KrByteSource;
 
-// Internal to KrXlsxReader: a small streaming XML reader, purpose-made for the parts of a
-// workbook.
+// Internal to the workbook layer: a small streaming XML reader, purpose-made for the parts of a
+// workbook. It reads a KrByteSource (a zip entry, or a plain string in tests).
 //
 // It exists because QXmlStreamReader is too slow for worksheets: it needs 2.1 to 2.5 s just to
 // tokenize the 80 MB of sheet XML of a 100,000 x 20 workbook, over four times the budget of the
@@ -26,11 +26,20 @@ class KrZipEntryReader;
 // It understands what well-formed workbook parts use: elements, attributes, namespaces, character
 // and predefined entity references, CDATA, comments and processing instructions. It checks that
 // tags nest. Since the input is untrusted, it refuses DTDs (so no entity can expand) and bounds
-// the size of a token and of an element's text (KrXlsxReader::MaxXmlTokenSize), the nesting
-// depth (MaxXmlDepth) and the namespace declarations in scope (MaxXmlNamespaceDeclarations).
+// the size of a token and of an element's text, the nesting depth and the namespace declarations
+// in scope by the Limits it is given. The first fault ends the document: readNext() returns
+// Invalid from then on and errorString() says what and at which byte.
 //
 // Tokens refer to the reader's buffer and stay valid until the next readNext(). Decoding happens
 // in place: every reference is longer than the UTF-8 it stands for.
+//
+//     KrXmlPullReader xml(source, {4 << 20, 256, 256});
+//     if (xml.nextChild(0) && xml.isElement(KrXmlPullReader::Namespace::Sheet, "sst")) {
+//         while (xml.nextChild(1)) // the children of <sst>
+//             ...
+//     }
+//     if (xml.hasError())
+//         return fail(xml.errorString());
 class KrXmlPullReader
 {
 public:
@@ -40,6 +49,15 @@ public:
     // value.
     enum class Namespace : quint8 { None, Other, Xml, Declaration, Sheet, OfficeRels, PackageRels };
 
+    struct Limits
+    {
+        // Bytes a tag or a text run may take once it spans reads of the source, and bytes of text
+        // readElementText() may collect.
+        int maxTokenSize;
+        int maxDepth; // elements open at once
+        int maxNamespaceDeclarations; // in scope at once
+    };
+
     struct Attribute
     {
         std::string_view prefix;
@@ -48,13 +66,11 @@ public:
         Namespace ns = Namespace::None;
     };
 
-    explicit KrXmlPullReader(KrZipEntryReader &source);
+    // The source must outlive the reader.
+    KrXmlPullReader(KrByteSource &source, const Limits &limits);
     ~KrXmlPullReader();
     KrXmlPullReader(const KrXmlPullReader &) = delete;
     KrXmlPullReader &operator=(const KrXmlPullReader &) = delete;
-
-    // XML white space.
-    static bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
 
     Token readNext();
     bool hasError() const { return m_token == Invalid; }
@@ -68,10 +84,15 @@ public:
 
     // Open elements; an end tag's element no longer counts.
     int depth() const { return int(m_stack.size()) - (m_popPending ? 1 : 0); }
+    // The element of a start or end tag: its namespace and local name.
+    Namespace elementNamespace() const { return m_ns; }
+    std::string_view name() const { return m_name; }
     bool isElement(Namespace ns, std::string_view name) const
     {
         return m_ns == ns && m_name == name;
     }
+    // The text of a Characters token, references decoded.
+    std::string_view text() const { return m_text; }
     const std::vector<Attribute> &attributes() const { return m_attributes; }
     std::string_view attribute(std::string_view name, Namespace ns = Namespace::None) const
     {
@@ -81,7 +102,15 @@ public:
         }
         return std::string_view();
     }
+    // Appends the text of the element whose start tag was just read (not that of its children)
+    // to `text`, and reads up to its end tag.
     void readElementText(std::string *text);
+    // Moves to the next child element of the element at `parentDepth` (with 0, to the document
+    // element) and returns true; returns false at that element's end tag, at the end of the
+    // document, or on an error. Whatever the caller leaves unread of a child is skipped.
+    bool nextChild(int parentDepth);
+    // Reads the rest of the document, so that its end is checked; false on an error.
+    bool readToEnd();
 
 private:
     struct OpenElement
@@ -118,20 +147,24 @@ private:
     Token readMarkup();
     bool readDeclaration(std::string_view declaration);
     Token emitEnd();
-    bool decode(char *data, size_t *size, bool attribute);
+    bool textFits(size_t size);
     bool lookup(std::string_view prefix, Namespace *ns) const;
     // What readNext() does for nearly every token; defined in the .cpp. Forced inline because
     // GCC does not fold members of a class with external linkage into readNext() by itself, and
     // calling them separately costs about 5 % more instructions per worksheet.
     Q_ALWAYS_INLINE bool ensure(size_t size);
+    Q_ALWAYS_INLINE bool decode(char *data, size_t *size, bool attribute);
     Q_ALWAYS_INLINE Token readText();
     Q_ALWAYS_INLINE Scan scanStartTag(size_t *nameEnd, size_t *length, bool *selfClosing,
                                       const char **problem);
     Q_ALWAYS_INLINE Token readStartTag();
+    Q_ALWAYS_INLINE bool readAttributes(char *tag, bool *declares);
+    bool declareNamespaces();
     Q_ALWAYS_INLINE Token readEndTag();
     Q_ALWAYS_INLINE void pop();
 
-    KrZipEntryReader &m_source;
+    KrByteSource &m_source;
+    const Limits m_limits;
     std::unique_ptr<char[]> m_buffer;
     size_t m_capacity = 0;
     size_t m_pos = 0;
@@ -158,6 +191,7 @@ private:
     bool m_pendingEnd = false;
     bool m_popPending = false;
     QString m_error;
+    QString m_decodeProblem; // kept, so that decoding constructs no string unless it fails
 };
 
 #endif // KRXMLPULLREADER_P_H

@@ -60,6 +60,7 @@ def types_and_dates():
         ("escaped letter, not a date", 45000, "0\\h"),
         ("am/pm", 0.25, "h:mm AM/PM"),
         ("percent", 0.5, "0%"),
+        ("datetime at midnight", datetime.datetime(2024, 3, 10), None),
     ]
     dates.append(["kind", "value"])
     for kind, value, number_format in rows:
