@@ -89,25 +89,29 @@ void tst_KrFunctionGuard::logsEntryAndExit()
 
 void tst_KrFunctionGuard::elapsedTimeStartsAfterTheEntryLine()
 {
-    // A slow log sink delays the entry line; the guard's clock starts after it.
+    // A slow log sink delays the entry line; the guard's clock starts after it. Both ends are
+    // read on the guard's own clock (whole milliseconds of wall time): the guard's start comes
+    // after afterEntry and its end before afterExit, so whatever the machine's load, its elapsed
+    // time cannot exceed theirs, while a clock started before the entry line would add the delay.
     const int sinkDelayMs = 400;
+    qint64 afterEntry = 0;
     m_capture->onMessage = [&](const CapturedMessage &message) {
-        if (message.text.contains(QLatin1String("KrFuctionGuard enter")))
+        if (message.text.contains(QLatin1String("KrFuctionGuard enter"))) {
             QThread::msleep(sinkDelayMs);
+            afterEntry = QDateTime::currentMSecsSinceEpoch();
+        }
     };
-    QElapsedTimer lifetime;
-    lifetime.start();
     {
         KrFunctionGuard guard(QStringLiteral("Sink"), QStringLiteral("slow"), false, 5);
     }
-    const qint64 lifetimeMs = lifetime.elapsed();
+    const qint64 afterExit = QDateTime::currentMSecsSinceEpoch();
     m_capture->onMessage = nullptr;
 
     const auto exit = m_capture->matching(QtDebugMsg, QStringLiteral("~KrFuctionGuard exit"));
     QCOMPARE(exit.size(), 1);
     const qint64 elapsed = exit.first().text.section(QLatin1Char(' '), 7, 7).toLongLong();
-    QVERIFY(lifetimeMs >= sinkDelayMs);
-    QVERIFY2(elapsed <= lifetimeMs - sinkDelayMs, qPrintable(exit.first().text));
+    QVERIFY(afterEntry > 0);
+    QVERIFY2(elapsed <= afterExit - afterEntry, qPrintable(exit.first().text));
 }
 
 void tst_KrFunctionGuard::reportsOnceAfterTheBudget_data()
