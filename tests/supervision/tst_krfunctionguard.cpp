@@ -4,6 +4,7 @@
 #include <krutils/KrFunctionGuardManager.h>
 
 #include <QRegularExpression>
+#include <QSignalSpy>
 #include <QtTest>
 
 namespace {
@@ -63,6 +64,8 @@ void tst_KrFunctionGuard::runsOnItsOwnThread()
 
 void tst_KrFunctionGuard::logsEntryAndExit()
 {
+    QSignalSpy addReports(monitor(), &KrFunctionGuardManager::signalFuctionGuardAdd);
+    QSignalSpy deleteReports(monitor(), &KrFunctionGuardManager::signalFuctionGuardDelete);
     QString address;
     {
         KrFunctionGuard guard(QStringLiteral("OrderBook"), QStringLiteral("rebuild"), true, 5);
@@ -85,6 +88,13 @@ void tst_KrFunctionGuard::logsEntryAndExit()
     const auto match = exitLine.match(exit.first().text);
     QVERIFY2(match.hasMatch(), qPrintable(exit.first().text));
     QCOMPARE(match.captured(2), address);
+
+    // whoever connects to the report signals still gets every report
+    QCOMPARE(addReports.size(), 1);
+    QCOMPARE(addReports.first().at(1).toString(),
+             QStringLiteral("OrderBook                rebuild"));
+    QCOMPARE(addReports.first().at(2).toInt(), 5);
+    QCOMPARE(deleteReports.size(), 1);
 }
 
 void tst_KrFunctionGuard::elapsedTimeStartsAfterTheEntryLine()
@@ -131,7 +141,6 @@ void tst_KrFunctionGuard::reportsOnceAfterTheBudget()
     QFETCH(int, quietTicks);
 
     KrFunctionGuard guard(QStringLiteral("Risk"), QStringLiteral("recalculate"), false, timeout);
-    waitForQueuedReports(monitor());
     sendTicks(monitor(), quietTicks);
     QVERIFY(overWarnings().isEmpty());
 
@@ -154,7 +163,6 @@ void tst_KrFunctionGuard::secondAddKeepsTheFirstRecord()
 {
     KrFunctionGuard guard(QStringLiteral("First"), QStringLiteral("text"), false, 2);
     monitor()->FuctionGuardAdd(&guard, QStringLiteral("Second text"), 100);
-    waitForQueuedReports(monitor());
     sendTicks(monitor(), 3);
     const auto warnings = overWarnings();
     QCOMPARE(warnings.size(), 1);
@@ -165,10 +173,8 @@ void tst_KrFunctionGuard::finishedGuardIsNotReported()
 {
     {
         KrFunctionGuard guard(QStringLiteral("Quick"), QStringLiteral("done"), false, 1);
-        waitForQueuedReports(monitor());
         sendTicks(monitor(), 1);
     }
-    waitForQueuedReports(monitor());
     sendTicks(monitor(), 5);
     QVERIFY(overWarnings().isEmpty());
 }
