@@ -35,7 +35,8 @@ struct KrMonitorReport
 // whenever the tables are read (TableLock: the tick, the queries) and by the monitor thread each
 // time half a ring has been written, so that the ring rarely fills. When it does fill (a flood
 // of reports, or a monitor thread that is busy or blocked), the reporter drains it itself: the
-// memory stays bounded, no report is lost, and no reporter ever waits for the monitor thread.
+// memory stays bounded, no report is lost, and a reporter never depends on the monitor thread
+// (at most it waits out a drain in progress).
 class KrMonitorCore
 {
 public:
@@ -58,8 +59,6 @@ public:
     // Marks the monitor's report signals as connected outside the monitor (sticky).
     void setSignalConnected() { m_state.fetch_or(SignalConnected, std::memory_order_relaxed); }
 
-    // Whether reports are wanted at all: recording, or a report signal connected.
-    bool isListened() const { return m_state.load(std::memory_order_acquire) != 0; }
     bool isRecording() const { return m_state.load(std::memory_order_acquire) & Recording; }
     bool hasSignalConnected() const
     {

@@ -16,7 +16,8 @@ namespace {
 // What a report does, and to which table (ReadWrite set: the read-write table).
 enum ReportKind { Take, TakeWithText, Release, ReadWrite = 4 };
 
-// Enough slots for the few hundred locks a client holds at most; a flood needs no more.
+// Reports in flight between two drains. A thread locking in a tight loop writes half of it in
+// about 100 us, the monitor thread drains it meanwhile; 512 KiB.
 constexpr int RingSize = 8192;
 
 QString callSiteText(const QString &first, int line, const QString &second)
