@@ -151,8 +151,7 @@ void soak(int seconds)
     for (std::thread &thread : threads)
         thread.join();
 
-    QMetaObject::invokeMethod(
-            monitor, [] {}, Qt::BlockingQueuedConnection); // drain the reports
+    // the queries record every report made before them
     const bool tablesEmpty
             = !monitor->containsMutex(&mutexes[0]) && !monitor->containsMutex(&mutexes[1]);
     std::printf(
@@ -182,7 +181,7 @@ int main(int argc, char **argv)
 
     KrMutexManager::getInstance()->start();
     KrFunctionGuardManager::getInstance()->start();
-    // wait until both monitors have connected their slots on their threads
+    // wait until both monitors record, from their threads' start
     QMetaObject::invokeMethod(
             KrMutexManager::getInstance(), [] {}, Qt::BlockingQueuedConnection);
     QMetaObject::invokeMethod(

@@ -4,7 +4,6 @@
 #include "runtime/KrLogging_p.h"
 
 #include <QDateTime>
-#include <QStringBuilder>
 
 struct KrFunctionGuardPrivate
 {
@@ -20,11 +19,7 @@ KrFunctionGuard::KrFunctionGuard(const QString &first, const QString &second, bo
 {
     krDebug(KrFunctionGuard) << "KrFuctionGuard enter" << first << second << this;
     d->start = QDateTime::currentMSecsSinceEpoch();
-    KrFunctionGuardManager *monitor = KrFunctionGuardManager::getInstance();
-    if (monitor->isReportListened()) {
-        const QLatin1String gap("                "); // sixteen spaces
-        monitor->FuctionGuardAdd(this, first % gap % second, timeout);
-    }
+    KrFunctionGuardManager::getInstance()->reportAdd(this, first, second, timeout);
 }
 
 KrFunctionGuard::~KrFunctionGuard()
@@ -32,9 +27,7 @@ KrFunctionGuard::~KrFunctionGuard()
     const qint64 elapsed = QDateTime::currentMSecsSinceEpoch() - d->start;
     krDebug(KrFunctionGuard) << "~KrFuctionGuard exit , time elapsed " << elapsed << d->first
                              << d->second << this;
-    KrFunctionGuardManager *monitor = KrFunctionGuardManager::getInstance();
-    if (monitor->isReportListened())
-        monitor->FuctionGuardDelete(this);
+    KrFunctionGuardManager::getInstance()->FuctionGuardDelete(this);
 }
 
 bool KrFunctionGuard::flag() const

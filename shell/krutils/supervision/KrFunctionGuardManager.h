@@ -5,13 +5,12 @@
 
 #include <QMap>
 #include <QObject>
-#include <QPointer>
 #include <QString>
 
 #include <memory>
 
-class KrReportFlow;
-class KrThread;
+class KrMonitorCore;
+struct KrMonitorReport;
 
 /// The process-wide monitor of the function guards (KrFunctionGuard).
 ///
@@ -24,8 +23,10 @@ class KrThread;
 ///
 ///     KrFunctionGuardManager::getInstance()->start();
 ///
-/// Guards reach the monitor as queued signals; its table is touched only on its own thread. The
-/// instance lives until the process exits; its destruction stops and joins the monitor thread.
+/// Guards reach the monitor the way locks reach the lock monitor (KrMutexManager): handed over
+/// without a queued signal, recorded in order before each count-down, with the report signals
+/// emitted on the guard's thread to whatever connects to them. The instance lives until the
+/// process exits; its destruction stops and joins the monitor thread.
 class KRUTILS_EXPORT KrFunctionGuardManager : public QObject
 {
     Q_OBJECT
@@ -38,23 +39,24 @@ public:
     /// code; later calls do nothing.
     void start();
 
-    /// Emit signalFuctionGuardAdd and signalFuctionGuardDelete; called from any thread.
+    /// Report a guard's start and end: recorded once the monitor is started, and emitted as
+    /// signalFuctionGuardAdd and signalFuctionGuardDelete. Called from any thread.
     ///@{
     void FuctionGuardAdd(QObject *guard, const QString &text, int iTime);
     void FuctionGuardDelete(QObject *guard);
     ///@}
 
 Q_SIGNALS:
-    /// A guard created (with its text and budget in seconds) or destroyed. Once the monitor
-    /// runs, each reaches the slot of the same name on the monitor thread.
+    /// A guard created (with its text and budget in seconds) or destroyed, emitted on the guard's
+    /// thread to whatever connects to them.
     ///@{
     void signalFuctionGuardAdd(QObject *guard, const QString &text, int iTime);
     void signalFuctionGuardDelete(QObject *guard);
     ///@}
 
 public Q_SLOTS:
-    /// The slots run on the monitor thread. This one runs first, as the thread starts: it
-    /// connects the signals to the slots and starts the once-a-second count-down.
+    /// initManger() runs on the monitor thread as it starts. The other slots record a report
+    /// directly, after every report made before; they may be called from any thread.
     void initManger();
     /// Records a guard with its budget (60 seconds when `iTime` <= 0), or forgets it. A second
     /// record for the same guard keeps the first one and its count-down.
@@ -75,8 +77,9 @@ private:
     Q_DISABLE_COPY(KrFunctionGuardManager)
 
     friend class KrFunctionGuard;
-    // Whether anything listens to the guard reports, so that guards can skip building texts.
-    bool isReportListened() const;
+    // A guard's start reported with its two texts: the guard text is built only where it is used.
+    void reportAdd(QObject *guard, const QString &first, const QString &second, int iTime);
+    void record(KrMonitorReport *reports, int count);
 
     struct GuardRecord
     {
@@ -84,10 +87,10 @@ private:
         QString text;
     };
 
-    QMap<QObject *, GuardRecord> m_guardTable;
+    QMap<QObject *, GuardRecord> m_guardTable; // under the core's table lock
     const int m_defaultTimeOut = 60;
-    QPointer<KrThread> m_thread; // the thread deletes itself once it has finished
-    const std::unique_ptr<KrReportFlow> m_flow;
+    // Declared last, so destroyed first: the monitor thread stops before the table goes.
+    const std::unique_ptr<KrMonitorCore> m_core;
 };
 
 #endif // KRFUNCTIONGUARDMANAGER_H

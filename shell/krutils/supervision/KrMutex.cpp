@@ -4,37 +4,11 @@
 
 #include <QMutex>
 #include <QReadWriteLock>
-#include <QStringBuilder>
-
-namespace {
-
-QString callSiteText(const QString &first, int line, const QString &second)
-{
-    const QLatin1String gap("        ");
-    return first % gap % QString::number(line) % gap % second;
-}
-
-} // namespace
-
-void KrMutex::reportLock(QMutex *mutex, const QString &first, int line, const QString &second)
-{
-    KrMutexManager *monitor = KrMutexManager::getInstance();
-    if (monitor->isReportListened())
-        monitor->mutexLock(mutex, callSiteText(first, line, second));
-}
-
-void KrMutex::reportLock(QReadWriteLock *lock, const QString &first, int line,
-                         const QString &second)
-{
-    KrMutexManager *monitor = KrMutexManager::getInstance();
-    if (monitor->isReportListened())
-        monitor->readWriteMutexLock(lock, callSiteText(first, line, second));
-}
 
 void KrMutex::lock(QMutex *mutex, const QString &first, int line, const QString &second)
 {
     mutex->lock();
-    reportLock(mutex, first, line, second);
+    KrMutexManager::getInstance()->reportLock(mutex, first, line, second);
 }
 
 bool KrMutex::trylock(QMutex *mutex, int timeout, const QString &first, int line,
@@ -42,7 +16,7 @@ bool KrMutex::trylock(QMutex *mutex, int timeout, const QString &first, int line
 {
     const bool taken = mutex->tryLock(timeout);
     if (taken)
-        reportLock(mutex, first, line, second);
+        KrMutexManager::getInstance()->reportLock(mutex, first, line, second);
     return taken;
 }
 
@@ -50,14 +24,14 @@ void KrMutex::lockForRead(QReadWriteLock *lock, const QString &first, int line,
                           const QString &second)
 {
     lock->lockForRead();
-    reportLock(lock, first, line, second);
+    KrMutexManager::getInstance()->reportLock(lock, first, line, second);
 }
 
 void KrMutex::lockForWrite(QReadWriteLock *lock, const QString &first, int line,
                            const QString &second)
 {
     lock->lockForWrite();
-    reportLock(lock, first, line, second);
+    KrMutexManager::getInstance()->reportLock(lock, first, line, second);
 }
 
 bool KrMutex::tryLockForRead(QReadWriteLock *lock, const QString &first, int line,
@@ -65,7 +39,7 @@ bool KrMutex::tryLockForRead(QReadWriteLock *lock, const QString &first, int lin
 {
     const bool taken = lock->tryLockForRead();
     if (taken)
-        reportLock(lock, first, line, second);
+        KrMutexManager::getInstance()->reportLock(lock, first, line, second);
     return taken;
 }
 
@@ -74,7 +48,7 @@ bool KrMutex::tryLockForRead(QReadWriteLock *lock, int timeout, const QString &f
 {
     const bool taken = lock->tryLockForRead(timeout);
     if (taken)
-        reportLock(lock, first, line, second);
+        KrMutexManager::getInstance()->reportLock(lock, first, line, second);
     return taken;
 }
 
@@ -83,7 +57,7 @@ bool KrMutex::tryLockForWrite(QReadWriteLock *lock, const QString &first, int li
 {
     const bool taken = lock->tryLockForWrite();
     if (taken)
-        reportLock(lock, first, line, second);
+        KrMutexManager::getInstance()->reportLock(lock, first, line, second);
     return taken;
 }
 
@@ -92,22 +66,18 @@ bool KrMutex::tryLockForWrite(QReadWriteLock *lock, int timeout, const QString &
 {
     const bool taken = lock->tryLockForWrite(timeout);
     if (taken)
-        reportLock(lock, first, line, second);
+        KrMutexManager::getInstance()->reportLock(lock, first, line, second);
     return taken;
 }
 
 void KrMutex::unlock(QMutex *mutex)
 {
     mutex->unlock();
-    KrMutexManager *monitor = KrMutexManager::getInstance();
-    if (monitor->isReportListened())
-        monitor->mutexUnLock(mutex);
+    KrMutexManager::getInstance()->mutexUnLock(mutex);
 }
 
 void KrMutex::unlockReadWrite(QReadWriteLock *lock)
 {
     lock->unlock();
-    KrMutexManager *monitor = KrMutexManager::getInstance();
-    if (monitor->isReportListened())
-        monitor->readWriteMutexUnLock(lock);
+    KrMutexManager::getInstance()->readWriteMutexUnLock(lock);
 }

@@ -19,9 +19,10 @@ class QReadWriteLock;
 /// never checked for null.
 ///
 /// Costs: while the monitor is not started the report is skipped (no text is built), which keeps
-/// a lock/unlock pair within a few times a plain QMutexLocker pair. Once it is started, each
-/// report is a queued signal of about a microsecond. Pass the texts as QStringLiteral (or other
-/// shared QStrings) so that they are not converted on every call.
+/// a lock/unlock pair within a few times a plain QMutexLocker pair. Once it is started, a report
+/// is handed to the monitor in some tens of nanoseconds, and the call-site text is built only
+/// when the monitor records the lock for good. Pass the texts as QStringLiteral (or other shared
+/// QStrings) so that they are not converted on every call.
 ///
 /// Prefer the scope guards KrMutexLocker, KrReadLocker and KrWriteLocker.
 class KRUTILS_EXPORT KrMutex
@@ -59,11 +60,6 @@ public:
     static void unlock(QMutex *mutex);
     /// Unlocks `lock`, held for reading or for writing, then reports the release.
     static void unlockReadWrite(QReadWriteLock *lock);
-
-private:
-    static void reportLock(QMutex *mutex, const QString &first, int line, const QString &second);
-    static void reportLock(QReadWriteLock *lock, const QString &first, int line,
-                           const QString &second);
 };
 
 #endif // KRMUTEX_H

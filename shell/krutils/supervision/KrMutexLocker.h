@@ -18,6 +18,9 @@ class QMutex;
 ///
 /// A null lock makes a guard that holds nothing. unlock() may be called more than once; the lock
 /// is released and reported exactly once.
+///
+/// A locker belongs to the thread that made it, as a QMutexLocker does: it is not shared, and only
+/// that thread calls unlock() or ends its scope.
 class KRUTILS_EXPORT KrMutexLocker
 {
 public:

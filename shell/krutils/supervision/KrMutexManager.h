@@ -6,14 +6,13 @@
 #include <QMap>
 #include <QMutex>
 #include <QObject>
-#include <QPointer>
 #include <QString>
 
 #include <memory>
 
 class QReadWriteLock;
-class KrReportFlow;
-class KrThread;
+class KrMonitorCore;
+struct KrMonitorReport;
 
 /// The process-wide monitor of the instrumented locks (KrMutex, KrMutexLocker, KrReadLocker,
 /// KrWriteLocker).
@@ -31,11 +30,13 @@ class KrThread;
 ///
 ///     KrMutexManager::getInstance()->start();
 ///
-/// Before start() nothing is recorded and the lock wrappers skip their reports altogether.
-/// Reports reach the monitor as queued signals, so lockers never wait for it; a record appears
-/// shortly after its lock is taken and disappears shortly after it is released. A thread that
-/// floods the monitor with reports faster than it can record them is paced so that the monitor's
-/// memory stays bounded (see the lock wrappers for the costs).
+/// Before start() nothing is recorded and the lock wrappers skip their reports altogether. Once
+/// it is started, a report costs its locker some tens of nanoseconds: it is handed to the monitor
+/// without a queued signal and recorded, in the order the reports were made, before anything
+/// reads the tables (the count-down each second, containsMutex()), so a query sees every lock
+/// taken and released before it. A thread that floods the monitor with reports never waits for
+/// the monitor thread, and the monitor's memory stays bounded. The report signals are emitted on
+/// the reporting thread to whatever connects to them, whether or not the monitor is started.
 ///
 /// The instance lives until the process exits; its destruction stops and joins the monitor thread.
 class KRUTILS_EXPORT KrMutexManager : public QObject
@@ -50,7 +51,8 @@ public:
     /// code; later calls do nothing.
     void start();
 
-    /// Each emits the signal of the same name; called from any thread by the lock wrappers.
+    /// Report a take or a release: recorded once the monitor is started, and emitted as the signal
+    /// of the same name. Called from any thread, by the lock wrappers among others.
     ///@{
     void mutexLock(QMutex *mutex, const QString &text);
     void mutexUnLock(QMutex *mutex);
@@ -65,8 +67,8 @@ public:
     ///@}
 
 Q_SIGNALS:
-    /// A lock taken (with its call-site text) or released. Once the monitor runs, each reaches
-    /// the slot of the same name on the monitor thread; before start() nothing listens.
+    /// A lock taken (with its call-site text) or released, emitted on the locking thread to
+    /// whatever connects to them.
     ///@{
     void signalMutexLock(QMutex *mutex, const QString &text);
     void signalMutexUnLock(QMutex *mutex);
@@ -75,8 +77,8 @@ Q_SIGNALS:
     ///@}
 
 public Q_SLOTS:
-    /// The slots run on the monitor thread. This one runs first, as the thread starts: it
-    /// connects the signals to the slots and starts the once-a-second count-down.
+    /// initManger() runs on the monitor thread as it starts. The other slots record a report
+    /// directly, after every report made before; they may be called from any thread.
     void initManger();
     /// Records a lock with 60 seconds to live, or forgets it.
     ///@{
@@ -98,8 +100,10 @@ private:
     Q_DISABLE_COPY(KrMutexManager)
 
     friend class KrMutex;
-    // Whether anything listens to the lock reports, so that lockers can skip building texts.
-    bool isReportListened() const;
+    // A take reported with its call site: the text is built only where it is used.
+    void reportLock(QMutex *mutex, const QString &first, int line, const QString &second);
+    void reportLock(QReadWriteLock *lock, const QString &first, int line, const QString &second);
+    void record(KrMonitorReport *reports, int count);
 
     struct LockRecord
     {
@@ -107,12 +111,12 @@ private:
         QString text;
     };
 
-    QMutex m_guard; // over both tables; held by the slots, the queries and each whole scan
+    // Both tables are held under the core's table lock, by the slots, the queries and each scan.
     QMap<QMutex *, LockRecord> m_mutexTable;
     QMap<QReadWriteLock *, LockRecord> m_readWriteTable;
     const int m_timeOut = 60;
-    QPointer<KrThread> m_thread; // the thread deletes itself once it has finished
-    const std::unique_ptr<KrReportFlow> m_flow;
+    // Declared last, so destroyed first: the monitor thread stops before the tables go.
+    const std::unique_ptr<KrMonitorCore> m_core;
 };
 
 #endif // KRMUTEXMANAGER_H
