@@ -251,18 +251,19 @@ struct RandomEditor
         return parts.isEmpty() ? name : name + '(' + parts.join(',') + ')';
     }
 
-    // Every held index still names its item, at the item's row in the reference. Rows inserted
-    // into a lazy item are not announced, so their siblings' indexes may lag behind.
-    void checkPersistentIndexes() const
+    // The first held index that no longer names its item at the item's row in the reference, or
+    // none. Rows inserted into a lazy item are not announced, so their siblings may lag behind.
+    QString misplacedIndex() const
     {
         for (auto index = held.cbegin(); index != held.cend(); ++index) {
-            TreeItem *item = index.key();
-            if (item->parent()->isLazy())
-                continue;
-            QCOMPARE(index->row(), children.value(nameOf(item->parent())).indexOf(nameOf(item)));
-            QCOMPARE(index->parent(), item->parent()->index());
-            QCOMPARE(QModelIndex(*index), item->index());
+            const TreeItem *item = index.key();
+            const int row = children.value(nameOf(item->parent())).indexOf(nameOf(item));
+            if (!item->parent()->isLazy()
+                && (index->row() != row || index->parent() != item->parent()->index()
+                    || *index != item->index()))
+                return nameOf(item);
         }
+        return QString();
     }
 
     TreeModel &model;
@@ -289,8 +290,7 @@ private Q_SLOTS:
     {
         TreeItem plain;
         QCOMPARE(int(plain.flags(7)), 33);
-        QVERIFY(!plain.data(0, Qt::DisplayRole).isValid());
-        QVERIFY(!plain.setData(0, QStringLiteral("x"), Qt::EditRole));
+        QVERIFY(!plain.data(0, Qt::DisplayRole).isValid() && !plain.setData(0, 1, Qt::EditRole));
         QVERIFY(!plain.isLazy() && !plain.hasChildren() && !plain.canFetchMore());
         QVERIFY(!plain.parent() && !plain.model() && !plain.firstChild() && !plain.lastChild());
         QCOMPARE(plain.child(0), nullptr); // beyond the rows: no assertion
@@ -421,7 +421,6 @@ private Q_SLOTS:
         deletions.clear();
         a->removeChildren();
         QCOMPARE(deletions, destroyed);
-        QCOMPARE(a->rowCount(), 0);
         QCOMPARE(removed.count(), attached && !destroyed.isEmpty() ? 1 : 0);
     }
 
@@ -442,8 +441,7 @@ private Q_SLOTS:
         QSignalSpy aboutToChange(&f.model, &QAbstractItemModel::layoutAboutToBeChanged);
         QSignalSpy changed(&f.model, &QAbstractItemModel::layoutChanged);
         f.model.rootItem()->sortChildren(byName);
-        QCOMPARE(changed.count(), 1);
-        QCOMPARE(aboutToChange.count(), 1);
+        QVERIFY(aboutToChange.count() == 1 && changed.count() == 1);
         QVERIFY(aboutToChange.first().at(0).value<QList<QPersistentModelIndex>>().isEmpty());
         QCOMPARE(aboutToChange.first().at(1).value<QAbstractItemModel::LayoutChangeHint>(),
                  QAbstractItemModel::NoLayoutChangeHint);
@@ -589,8 +587,7 @@ private Q_SLOTS:
         // An empty model: every question has its neutral answer.
         f.model.setRootItem(nullptr);
         MessageCapture capture;
-        QCOMPARE(f.model.rowCount(), 0);
-        QVERIFY(!f.model.index(0, 0).isValid());
+        QVERIFY(f.model.rowCount() == 0 && !f.model.index(0, 0).isValid());
         f.model.removeItems();
         QCOMPARE(names(f.model.untypedLevelItems(1)), QStringList());
         QCOMPARE(softAsserts(capture), asserted({{"item", 914}, {"item", 914}}));
@@ -728,15 +725,19 @@ private Q_SLOTS:
         QFETCH(quint32, seed);
         TreeModel model;
         model.setColumnCount(2);
+        // The tester checks the whole model at every signal; as warnings, its passing checks
+        // cost nothing, where QtTest reports would format a text for each.
+        MessageCapture capture;
         QAbstractItemModelTester tester(&model,
-                                        QAbstractItemModelTester::FailureReportingMode::QtTest);
+                                        QAbstractItemModelTester::FailureReportingMode::Warning);
         RandomEditor editor {model, QRandomGenerator(seed)};
         for (int step = 0; step < 400 && !QTest::currentTestFailed(); ++step) {
             editor.edit();
             // Asking the model populates lazy items, which the reference follows: model first.
             const QString seen = modelShape(model);
             QCOMPARE(seen, editor.referenceShape());
-            editor.checkPersistentIndexes();
+            QCOMPARE(editor.misplacedIndex(), QString());
+            QVERIFY2(capture.messages().isEmpty(), qPrintable(capture.messages().value(0).text));
         }
     }
 };
