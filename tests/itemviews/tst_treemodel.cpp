@@ -300,8 +300,7 @@ private Q_SLOTS:
                 = new TreeItem({"ACC-1", "Alpha", "CNY"}, Qt::ItemIsEnabled | Qt::ItemIsEditable);
         model.rootItem()->appendChild(texts);
         model.setHeader({"Account", "Name"});
-        QCOMPARE(model.rootItem()->level(), 0);
-        QCOMPARE(texts->level(), 1);
+        QVERIFY(model.rootItem()->level() == 0 && texts->level() == 1);
 
         // Display texts per column, for the display role only.
         QCOMPARE(model.data(model.index(0, 1)), QVariant("Alpha"));
@@ -347,7 +346,6 @@ private Q_SLOTS:
         QVERIFY(!model.setData(index, QStringLiteral("display"), Qt::DisplayRole));
         QCOMPARE(changed.count(), 0);
         QVERIFY(model.setData(index, QStringLiteral("new")));
-        QCOMPARE(model.data(index), QVariant("new"));
         QCOMPARE(changed.value(0),
                  QVariantList({index, index, QVariant::fromValue(QVector<int>())}));
     }
@@ -370,7 +368,9 @@ private Q_SLOTS:
         QTest::newRow("walks") << Action([](Fixture &f) {
             Utils::TreeItemVisitor visitor;
             f.model.rootItem()->walkTree(&visitor);
-            f.model.rootItem()->walkTree([](TreeItem *) {});
+            QStringList order;
+            f.model.rootItem()->walkTree([&](TreeItem *item) { order.append(nameOf(item)); });
+            QCOMPARE(order, QStringList({"r", "a", "b", "c"}));
         }) << false;
     }
 
@@ -378,7 +378,7 @@ private Q_SLOTS:
     {
         QFETCH(Action, first);
         QFETCH(bool, populates);
-        Fixture f(QStringLiteral("r(a*3)"));
+        Fixture f(QStringLiteral("r(a*3,b(c))"));
         auto lazy = static_cast<NamedItem *>(f["a"]);
         int rowsSeen = -1;
         lazy->onPopulate = [&](NamedItem *item) { rowsSeen = item->rowCount(); };
