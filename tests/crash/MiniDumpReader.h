@@ -15,11 +15,11 @@
 class MiniDumpReader
 {
 public:
-    // Breakpad's streams of the files of /proc, as they were.
-    static constexpr quint32 LinuxCpuInfo = 0x47670003, LinuxProcStatus = 0x47670004,
-                             LinuxLsbRelease = 0x47670005, LinuxCmdLine = 0x47670006,
-                             LinuxEnviron = 0x47670007, LinuxAuxv = 0x47670008,
-                             LinuxMaps = 0x47670009;
+    // The system information, and Breakpad's streams of the files of /proc as they were.
+    static constexpr quint32 SystemInfoStream = 7, LinuxCpuInfo = 0x47670003,
+                             LinuxProcStatus = 0x47670004, LinuxLsbRelease = 0x47670005,
+                             LinuxCmdLine = 0x47670006, LinuxEnviron = 0x47670007,
+                             LinuxAuxv = 0x47670008, LinuxMaps = 0x47670009;
 
     struct Registers // of an AMD64 CONTEXT (1232 bytes)
     {
@@ -58,7 +58,6 @@ public:
         m_data = file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
         return u32(0) == 0x504D444D; // "MDMP"
     }
-    quint32 version() const { return u32(4) & 0xFFFF; }
     quint32 timeDateStamp() const { return u32(20); }
     quint64 flags() const { return u64(24); }
 
