@@ -12,14 +12,6 @@ namespace WinTest {
 
 inline int failedChecks = 0;
 
-inline std::string show(const std::string &text)
-{
-    return '"' + text + '"';
-}
-inline std::string show(const char *text)
-{
-    return text ? show(std::string(text)) : "null";
-}
 template<typename T> std::string show(const T &value)
 {
     std::ostringstream out;
@@ -27,33 +19,28 @@ template<typename T> std::string show(const T &value)
     return out.str();
 }
 
-inline bool check(bool ok, const char *what, int line)
+inline bool check(bool ok, const char *what, int line, const std::string &compared = {})
 {
-    if (!ok) {
-        ++failedChecks;
-        std::printf("    check failed, line %d: %s\n", line, what);
-    }
+    if (!ok)
+        std::printf("    check failed, line %d: %s\n%s", line, what, compared.c_str());
+    failedChecks += !ok;
     return ok;
 }
 
 template<typename A, typename B>
 bool checkEqual(const A &actual, const B &expected, const char *what, int line)
 {
-    if (actual == expected)
-        return true;
-    ++failedChecks;
-    std::printf("    check failed, line %d: %s\n      actual:   %s\n      expected: %s\n", line,
-                what, show(actual).c_str(), show(expected).c_str());
-    return false;
+    return check(actual == expected, what, line,
+                 "      actual:   " + show(actual) + "\n      expected: " + show(expected) + "\n");
 }
 
-// Prints the case's verdict: passed when no check failed since `failedBefore` was taken.
-inline bool report(const char *name, int failedBefore)
+// Runs a case and prints its verdict: passed when no check failed in it.
+template<typename Case> void runCase(const char *name, Case run)
 {
-    const bool passed = failedChecks == failedBefore;
-    std::printf("%s %s\n", passed ? "PASS" : "FAIL", name);
+    const int failedBefore = failedChecks;
+    run();
+    std::printf("%s %s\n", failedChecks == failedBefore ? "PASS" : "FAIL", name);
     std::fflush(stdout);
-    return passed;
 }
 
 } // namespace WinTest
