@@ -8,20 +8,15 @@
 
 #include <climits>
 #include <thread>
+#include <tuple>
 
 namespace {
 
 constexpr int Tick = INT_MIN; // a step that delivers one refill tick instead of taking
 
-// Takes `count` tokens and expects that grant, or with Tick delivers a tick and expects that
-// many tokens in the bucket; then expects the refill timer running or not.
-struct Step
-{
-    int count;
-    int expected;
-    bool runningAfter;
-};
-using Steps = QVector<Step>;
+// (count, expected, running): takes `count` tokens and expects that grant, or with Tick delivers
+// a tick and expects that many tokens in the bucket; then expects the refill timer running or not.
+using Steps = QVector<std::tuple<int, int, bool>>;
 
 bool refilling(KrTokenBucket &bucket)
 {
@@ -44,16 +39,12 @@ int tokensIn(KrTokenBucket &bucket)
 }
 
 // Counts the queued calls that reach an object.
-class QueuedCallCounter : public QObject
+struct QueuedCallCounter : QObject
 {
-public:
     int calls = 0;
-
-protected:
     bool eventFilter(QObject *, QEvent *event) override
     {
-        calls += event->type() == QEvent::MetaCall;
-        return false;
+        return calls += event->type() == QEvent::MetaCall, false;
     }
 };
 
@@ -98,24 +89,24 @@ private Q_SLOTS:
         QSignalSpy renewed(&bucket, &KrTokenBucket::signalTokenCountRenew);
         bool running = false;
         QStringList logs; // the timer's start and stop are logged
-        for (const Step &step : qAsConst(steps)) {
-            if (step.count == Tick) {
+        for (const auto &[count, expected, runningAfter] : qAsConst(steps)) {
+            if (count == Tick) {
                 tick(bucket);
-                QCOMPARE(tokensIn(bucket), step.expected);
+                QCOMPARE(tokensIn(bucket), expected);
             } else {
                 // The offer takes nothing and leaves the timer alone.
-                QCOMPARE(bucket.tryConsumeTokens(step.count), step.expected);
+                QCOMPARE(bucket.tryConsumeTokens(count), expected);
                 QCOMPARE(refilling(bucket), running);
-                QCOMPARE(bucket.consumeTokens(step.count), step.expected);
+                QCOMPARE(bucket.consumeTokens(count), expected);
             }
-            QCOMPARE(refilling(bucket), step.runningAfter);
-            if (step.runningAfter != running) {
+            QCOMPARE(refilling(bucket), runningAfter);
+            if (runningAfter != running) {
                 logs << QLatin1String(
                         running ? "KrTokenBucket::slotRefillTokens token bucket refilled"
                                 : "KrTokenBucket::slotStartRefillTimer token bucket "
                                   "start refill");
             }
-            running = step.runningAfter;
+            running = runningAfter;
         }
         QCOMPARE(renewed.count(), renewals);
         QStringList logged;
