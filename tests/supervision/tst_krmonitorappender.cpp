@@ -100,7 +100,9 @@ void tst_KrMonitorAppender::initTestCase()
     QCOMPARE(appender()->thread(), thread);
     QVERIFY(thread != QThread::currentThread() && thread->isRunning());
     QCOMPARE(thread->objectName(), QStringLiteral("KrMonitorAppenderThread"));
-    m_logFile = QStringLiteral("%1/monitorLog_%2").arg(logDirectory).arg(QCoreApplication::applicationPid());
+    m_logFile = QStringLiteral("%1/monitorLog_%2")
+                        .arg(logDirectory)
+                        .arg(QCoreApplication::applicationPid());
     QVERIFY2(QFileInfo(m_logFile).isFile(), qPrintable(m_logFile));
     QCOMPARE(QFileInfo(m_logFile).size(), 0);
     QCOMPARE(capture.matching(QtWarningMsg, QStringLiteral("创建监控文件失败")).size(), 0);
@@ -124,39 +126,27 @@ void tst_KrMonitorAppender::recordFormat_data()
     QTest::addColumn<bool>("async");
     QTest::addColumn<QString>("line");
 
-    QTest::newRow("empty map has no content")
-            << QStringLiteral("heartbeat") << recordTime << QVariantMap() << false
-            << QStringLiteral(R"({"time":"2024-12-02 09:30:00.125","type":"heartbeat"})");
-    QTest::newRow("flat map, asynchronous")
-            << QStringLiteral("order") << recordTime
-            << QVariantMap {{QStringLiteral("symbol"), QStringLiteral("IF2412")},
-                            {QStringLiteral("qty"), 3}}
-            << true
-            << QStringLiteral(R"({"content":{"qty":3,"symbol":"IF2412"},)"
-                              R"("time":"2024-12-02 09:30:00.125","type":"order"})");
-    QTest::newRow("nested map, list, variant kinds")
-            << QStringLiteral("book") << recordTime
-            << QVariantMap {{QStringLiteral("quote"), QVariantMap {{QStringLiteral("bid"), 3911.8}}},
-                            {QStringLiteral("levels"), QVariantList {1, QStringLiteral("two"), 3.5}},
-                            {QStringLiteral("ok"), true},
-                            {QStringLiteral("none"), QVariant()},
-                            {QStringLiteral("id"), QVariant::fromValue<quint64>(140234567890)},
-                            {QStringLiteral("when"),
-                             QDateTime(QDate(2024, 1, 5), QTime(7, 8, 9, 7), Qt::UTC)}}
-            << true
-            << QStringLiteral(R"({"content":{"id":140234567890,"levels":[1,"two",3.5],)"
-                              R"("none":null,"ok":true,"quote":{"bid":3911.8},)"
-                              R"("when":"2024-01-05T07:08:09.007Z"},)"
-                              R"("time":"2024-12-02 09:30:00.125","type":"book"})");
-    QTest::newRow("Chinese text and quotes")
-            << QStringLiteral("dump") << recordTime
-            << QVariantMap {{QStringLiteral("desc"), QStringLiteral("崩溃 \"catch seh\"")}} << true
-            << QStringLiteral(R"({"content":{"desc":"崩溃 \"catch seh\""},)"
-                              R"("time":"2024-12-02 09:30:00.125","type":"dump"})");
-    QTest::newRow("UTC time written as given, no zone")
+    QTest::newRow("empty map has no content; UTC time written as given, no zone")
             << QStringLiteral("clock") << QDateTime(QDate(2024, 6, 1), QTime(0, 0), Qt::UTC)
             << QVariantMap() << false
             << QStringLiteral(R"({"time":"2024-06-01 00:00:00.000","type":"clock"})");
+    QTest::newRow("nested map, list, variant kinds, Chinese text and quotes")
+            << QStringLiteral("book") << recordTime
+            << QVariantMap {{QStringLiteral("quote"),
+                             QVariantMap {{QStringLiteral("bid"), 3911.8}}},
+                            {QStringLiteral("levels"),
+                             QVariantList {1, QStringLiteral("two"), 3.5}},
+                            {QStringLiteral("ok"), true},
+                            {QStringLiteral("none"), QVariant()},
+                            {QStringLiteral("id"), QVariant::fromValue<quint64>(140234567890)},
+                            {QStringLiteral("desc"), QStringLiteral("崩溃 \"catch seh\"")},
+                            {QStringLiteral("when"),
+                             QDateTime(QDate(2024, 1, 5), QTime(7, 8, 9, 7), Qt::UTC)}}
+            << true
+            << QStringLiteral(R"({"content":{"desc":"崩溃 \"catch seh\"","id":140234567890,)"
+                              R"("levels":[1,"two",3.5],"none":null,"ok":true,)"
+                              R"("quote":{"bid":3911.8},"when":"2024-01-05T07:08:09.007Z"},)"
+                              R"("time":"2024-12-02 09:30:00.125","type":"book"})");
 }
 
 void tst_KrMonitorAppender::recordFormat()
@@ -208,8 +198,8 @@ void tst_KrMonitorAppender::waitForWritten()
     };
     const auto outcome = std::make_shared<Outcome>(); // outlives a call that hangs
     const auto wait = [outcome] {
-        outcome->written = KrMonitorAppenderPrivate::waitForWritten(
-                KrMonitorAppender::GetInstance(), 60000);
+        outcome->written
+                = KrMonitorAppenderPrivate::waitForWritten(KrMonitorAppender::GetInstance(), 60000);
         outcome->done.release();
     };
     if (waiter == 0)
@@ -231,10 +221,12 @@ void tst_KrMonitorAppender::childProcess_data()
     QTest::addColumn<bool>("withLogDirectory");
     QTest::addColumn<bool>("withMonitor");
     QTest::addColumn<QStringList>("warnings"); // %1: the child's pid
-    QTest::addColumn<QByteArray>("kept"); // the log file left after exit; "flood": 4 threads' records
+    QTest::addColumn<QByteArray>(
+            "kept"); // the log file left after exit; "flood": 4 threads' records
 
-    const QByteArray syncLine(R"({"content":{"step":1},"time":"2024-01-05 23:08:09.007","type":"sync"})"
-                              "\n");
+    const QByteArray syncLine(
+            R"({"content":{"step":1},"time":"2024-01-05 23:08:09.007","type":"sync"})"
+            "\n");
     const QString reopened = appenderLine(openFailed, "slotAppendData");
     QTest::newRow("monitor program started, file kept")
             << QStringList {"0", "sync"} << true << true << QStringList() << syncLine;
@@ -244,7 +236,8 @@ void tst_KrMonitorAppender::childProcess_data()
     // reported once, at construction; the records are lost without a word, no directory made
     QTest::newRow("no log directory")
             << QStringList {"5", "sync"} << false << false
-            << QStringList {appenderLine(openFailed), appenderLine(monitorNotStarted)} << QByteArray();
+            << QStringList {appenderLine(openFailed), appenderLine(monitorNotStarted)}
+            << QByteArray();
     // The next record reopens the file; the open-failure warning, whose test is kept inverted,
     // comes with that successful reopening.
     QTest::newRow("log directory made late, synchronous record")
@@ -280,10 +273,11 @@ void tst_KrMonitorAppender::childProcess()
     // The fake monitor program records the count of its arguments, then each on a line.
     QFile monitor(bin + QLatin1Char('/') + monitorProgram);
     QVERIFY(monitor.open(QIODevice::WriteOnly));
-    monitor.write(QStringLiteral("#!/bin/sh\n{ echo \"$#\"; for a in \"$@\"; do echo \"$a\"; done; } "
-                                 "> '%1.tmp' && mv '%1.tmp' '%1'\n")
-                          .arg(monitorArguments)
-                          .toUtf8());
+    monitor.write(
+            QStringLiteral("#!/bin/sh\n{ echo \"$#\"; for a in \"$@\"; do echo \"$a\"; done; } "
+                           "> '%1.tmp' && mv '%1.tmp' '%1'\n")
+                    .arg(monitorArguments)
+                    .toUtf8());
     monitor.close();
     QVERIFY(monitor.setPermissions(monitor.permissions() | QFileDevice::ExeOwner));
 
@@ -292,7 +286,8 @@ void tst_KrMonitorAppender::childProcess()
     if (withMonitor)
         environment.insert(QStringLiteral("PATH"),
                            bin + QLatin1Char(':') + environment.value(QStringLiteral("PATH")));
-    environment.insert(QStringLiteral("QT_MESSAGE_PATTERN"), QStringLiteral("%{type}|%{file}|%{message}"));
+    environment.insert(QStringLiteral("QT_MESSAGE_PATTERN"),
+                       QStringLiteral("%{type}|%{file}|%{message}"));
     environment.insert(QStringLiteral("QT_LOGGING_RULES"), QStringLiteral("krutils.*=true"));
     environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
     process.setProcessEnvironment(environment);
@@ -326,13 +321,15 @@ void tst_KrMonitorAppender::childProcess()
     const QString logFile = QStringLiteral("monitorLog_") + pid;
     QCOMPARE(QString::fromUtf8(process.readAllStandardOutput()),
              QStringLiteral("log-files: %1\n").arg(withLogDirectory ? logFile : QString()));
-    QCOMPARE(QFileInfo::exists(log), withLogDirectory || arguments.contains(QStringLiteral("late")));
+    QCOMPARE(QFileInfo::exists(log),
+             withLogDirectory || arguments.contains(QStringLiteral("late")));
     if (withMonitor) { // started with the pid as its only argument
         QFile file(monitorArguments);
         QVERIFY(file.open(QIODevice::ReadOnly));
         QCOMPARE(QString::fromUtf8(file.readAll()), QStringLiteral("1\n%1\n").arg(pid));
     }
-    QCOMPARE(QDir(log).entryList(QDir::Files), kept.isEmpty() ? QStringList() : QStringList(logFile));
+    QCOMPARE(QDir(log).entryList(QDir::Files),
+             kept.isEmpty() ? QStringList() : QStringList(logFile));
     QFile file(log + QLatin1Char('/') + logFile);
     if (kept == "flood" && file.open(QIODevice::ReadOnly))
         verifyPerThreadOrder(nonEmptyLines(file.readAll()), 4, arguments.first().toInt());

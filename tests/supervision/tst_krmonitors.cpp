@@ -134,12 +134,11 @@ void tst_KrMonitors::countDown_data()
         });
     };
 
-    QTest::newRow("mutex") << Reports([](Subjects &s) {
-        KrMutex::lock(&s.mutex, a, 42, f);
-    }) << 59 << lockWarning("a.cpp        42        f");
-    QTest::newRow("read-write lock") << Reports([](Subjects &s) {
-        KrMutex::lockForRead(&s.lock, a, 42, f);
-    }) << 59 << lockWarning("a.cpp        42        f");
+    QTest::newRow("mutex") << Reports([](Subjects &s) { KrMutex::lock(&s.mutex, a, 42, f); }) << 59
+                           << lockWarning("a.cpp        42        f");
+    QTest::newRow("read-write lock")
+            << Reports([](Subjects &s) { KrMutex::lockForRead(&s.lock, a, 42, f); }) << 59
+            << lockWarning("a.cpp        42        f");
     QTest::newRow("taken again after 30 s: the count-down restarts") << Reports([](Subjects &s) {
         KrMutex::lock(&s.mutex, QStringLiteral("outer.cpp"), 1, QStringLiteral("outer"));
         s.mutex.unlock(); // unreported: the record stays
