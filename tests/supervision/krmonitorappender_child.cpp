@@ -1,18 +1,14 @@
-// The child process of tst_krmonitorappender. The appender is a per-process singleton whose
-// construction (file, monitor program) and exit (draining, deleting the file) happen once per
-// process, so each case runs in a process of its own. The test copies this program into a
-// directory of its own first: the appender's log goes to "<application dir>/log".
+// The child process of tst_krmonitorappender: the appender's construction (file, monitor
+// program) and its end at exit happen once per process. The test copies this program into an
+// application directory of its own first, since the appender's log goes to "<that dir>/log".
 //
-//     krmonitorappender_child monitor             one synchronous record, then exit
-//     krmonitorappender_child missing-log-dir     records sent with no log directory
-//     krmonitorappender_child reopen sync|async   the log directory appears after start-up
-//     krmonitorappender_child flood <threads> <records per thread> destroy-app|keep-app
-//                                                 records from plain threads, then exit at once
+//     krmonitorappender_child <records per thread> [sync] [late] [keep-app]
 //
-// It prints what it observes as "key: value" lines on stdout; its log lines go to stderr in the
-// format the test sets with QT_MESSAGE_PATTERN.
-
-#include "supervision/KrMonitorAppender_p.h"
+// It prints the log directory's files as the appender starts ("log-files: ..."); with "late" it
+// makes the log directory only then; with "sync" it writes one synchronous record; then four plain
+// threads send their records asynchronously, numbered from 0, and main returns at once. With
+// "keep-app" the application object is never destroyed. Log lines go to stderr in the format the
+// test sets with QT_MESSAGE_PATTERN.
 
 #include <krutils/KrMonitorAppender.h>
 
@@ -22,104 +18,43 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <memory>
 #include <thread>
 #include <vector>
-
-namespace {
-
-const QDateTime recordTime(QDate(2024, 12, 2), QTime(9, 30, 0, 125));
-
-QString logDirectory()
-{
-    return QCoreApplication::applicationDirPath() + QStringLiteral("/log");
-}
-
-void report(const char *key, const QString &value)
-{
-    std::printf("%s: %s\n", key, qUtf8Printable(value));
-    std::fflush(stdout);
-}
-
-void reportLogFiles()
-{
-    report("log-files", QDir(logDirectory()).entryList(QDir::Files).join(QLatin1Char(' ')));
-}
-
-int monitor()
-{
-    KrMonitorAppender::GetInstance()->AppendMonitorInfo(QStringLiteral("started"), recordTime,
-                                                        {{QStringLiteral("step"), 1}}, false);
-    reportLogFiles();
-    return 0;
-}
-
-int missingLogDirectory()
-{
-    KrMonitorAppender *appender = KrMonitorAppender::GetInstance();
-    appender->AppendMonitorInfo(QStringLiteral("lost"), recordTime, {}, false);
-    appender->AppendMonitorInfo(QStringLiteral("lost"), recordTime, {}, true);
-    report("written",
-           KrMonitorAppenderPrivate::waitForWritten(appender, 10000) ? QStringLiteral("true")
-                                                                     : QStringLiteral("false"));
-    report("log-dir-exists",
-           QDir(logDirectory()).exists() ? QStringLiteral("true") : QStringLiteral("false"));
-    return 0;
-}
-
-int reopen(bool async)
-{
-    KrMonitorAppender *appender = KrMonitorAppender::GetInstance();
-    QDir().mkpath(logDirectory());
-    appender->AppendMonitorInfo(QStringLiteral("reopened"), recordTime, {}, async);
-    if (async && !KrMonitorAppenderPrivate::waitForWritten(appender, 10000))
-        return 2;
-    reportLogFiles();
-    return 0;
-}
-
-// Each thread sends its records numbered from 0, then main returns at once.
-int flood(int threadCount, int perThread)
-{
-    KrMonitorAppender *appender = KrMonitorAppender::GetInstance();
-    std::vector<std::thread> threads;
-    for (int t = 0; t < threadCount; ++t) {
-        threads.emplace_back([=] {
-            for (int i = 0; i < perThread; ++i) {
-                appender->AppendMonitorInfo(
-                        QStringLiteral("flood"), recordTime,
-                        {{QStringLiteral("thread"), t}, {QStringLiteral("seq"), i}}, true);
-            }
-        });
-    }
-    for (std::thread &thread : threads)
-        thread.join();
-    return 0;
-}
-
-} // namespace
 
 int main(int argc, char **argv)
 {
     if (argc < 2)
         return 1;
-    const char *mode = argv[1];
-    if (std::strcmp(mode, "flood") == 0 && argc == 5 && std::strcmp(argv[4], "keep-app") == 0) {
-        // The application object is never destroyed: the appender then drains when it is
-        // destroyed itself, at process exit.
-        static int keptArgc = argc;
-        new QCoreApplication(keptArgc, argv);
-        return flood(std::atoi(argv[2]), std::atoi(argv[3]));
-    }
+    const QByteArrayList options(argv + 2, argv + argc);
+    static int appArgc = argc;
+    auto *app = new QCoreApplication(appArgc, argv);
+    const std::unique_ptr<QCoreApplication> destroyedAsMainReturns(
+            options.contains("keep-app") ? nullptr : app);
 
-    QCoreApplication app(argc, argv);
-    if (std::strcmp(mode, "monitor") == 0)
-        return monitor();
-    if (std::strcmp(mode, "missing-log-dir") == 0)
-        return missingLogDirectory();
-    if (std::strcmp(mode, "reopen") == 0 && argc == 3)
-        return reopen(std::strcmp(argv[2], "async") == 0);
-    if (std::strcmp(mode, "flood") == 0 && argc == 5)
-        return flood(std::atoi(argv[2]), std::atoi(argv[3]));
-    return 1;
+    KrMonitorAppender *appender = KrMonitorAppender::GetInstance();
+    const QString logDirectory = QCoreApplication::applicationDirPath() + QStringLiteral("/log");
+    const QStringList files = QDir(logDirectory).entryList(QDir::Files);
+    std::printf("log-files: %s\n", qUtf8Printable(files.join(QLatin1Char(' '))));
+    std::fflush(stdout);
+    if (options.contains("late"))
+        QDir().mkpath(logDirectory);
+
+    const QDateTime recordTime(QDate(2024, 1, 5), QTime(23, 8, 9, 7));
+    if (options.contains("sync"))
+        appender->AppendMonitorInfo(QStringLiteral("sync"), recordTime,
+                                    {{QStringLiteral("step"), 1}}, false);
+    const int perThread = std::atoi(argv[1]);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([=] {
+            for (int i = 0; i < perThread; ++i)
+                appender->AppendMonitorInfo(
+                        QStringLiteral("flood"), recordTime,
+                        {{QStringLiteral("thread"), t}, {QStringLiteral("seq"), i}}, true);
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    return 0;
 }

@@ -1,5 +1,3 @@
-#include "KrTestSupport.h"
-
 #include <krutils/KrMutex.h>
 #include <krutils/KrMutexLocker.h>
 #include <krutils/KrMutexManager.h>
@@ -7,277 +5,194 @@
 #include <krutils/KrWriteLocker.h>
 
 #include <QReadWriteLock>
-#include <QSignalSpy>
 #include <QtTest>
 
 #include <functional>
 #include <memory>
+#include <utility>
 
-using LockAction = std::function<bool()>;
-Q_DECLARE_METATYPE(LockAction)
+// Takes the test's lock through one of the wrappers; returns whether it took it.
+using Take = std::function<bool()>;
+Q_DECLARE_METATYPE(Take)
 
 namespace {
-const QString first = QStringLiteral("a.cpp");
-const QString second = QStringLiteral("f");
-const QString callSite = QStringLiteral("a.cpp        42        f");
+const QString a = QStringLiteral("a.cpp");
+const QString f = QStringLiteral("f");
 
-// Whether a lock is held by anyone right now, without waiting for it.
+// Whether anyone holds the lock right now, without waiting for it.
 bool isHeld(QMutex *mutex)
 {
-    if (!mutex->tryLock())
-        return true;
-    mutex->unlock();
-    return false;
+    const bool free = mutex->tryLock();
+    if (free)
+        mutex->unlock();
+    return !free;
 }
 
 bool isHeld(QReadWriteLock *lock)
 {
-    if (!lock->tryLockForWrite())
-        return true;
-    lock->unlock();
-    return false;
+    const bool free = lock->tryLockForWrite();
+    if (free)
+        lock->unlock();
+    return !free;
 }
 
-template<typename Guard, typename Lock> QVector<bool> heldAcrossUnlocks(Guard &guard, Lock *lock)
+// A report as the tests compare it: its kind, whether the lock was held as it was made, its text.
+template<typename Lock>
+QString describe(const char *kind, Lock *lock, Lock *expected, const QString &text = QString())
 {
-    QVector<bool> held {isHeld(lock)};
-    guard.unlock();
-    held.append(isHeld(lock));
-    guard.unlock();
-    held.append(isHeld(lock));
-    return held;
+    if (lock != expected)
+        return QStringLiteral("a report on another lock");
+    return QStringLiteral("%1 while %2 %3")
+            .arg(QLatin1String(kind), QLatin1String(isHeld(lock) ? "held" : "free"), text)
+            .trimmed();
 }
+
+// How the lock stands when the wrapper is called: only a free lock is taken.
+enum Given { FreeLock, HeldMutex, ReadLocked, WriteLocked, NoLock };
 } // namespace
 
-// The lock wrappers, observed through the monitor's report signals (the monitor itself is not
-// started in this test).
+Q_DECLARE_METATYPE(Given)
+
+// The lock wrappers, observed through the lock monitor's report signals. The monitor is not
+// started here: the signals reach whoever connects to them all the same.
 class tst_KrMutex : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
     void init();
-    void cleanup();
-
     void reportsAfterTheLockChanged_data();
     void reportsAfterTheLockChanged();
-    void failedTryReportsNothing_data();
-    void failedTryReportsNothing();
-    void guardOverNullHoldsNothing();
-    void guardReleasesAndReportsOnce_data();
-    void guardReleasesAndReportsOnce();
 
 private:
-    struct Observation
-    {
-        QVector<bool> heldAtLockReport;
-        QVector<bool> heldAtUnlockReport;
-        QStringList texts;
-    };
-
     QMutex m_mutex;
-    QReadWriteLock m_readWriteLock;
-    std::unique_ptr<QObject> m_context; // owns the observing connections of one test
-    Observation m_seen;
-    int m_mutexReports = 0;
-    int m_readWriteReports = 0;
+    QReadWriteLock m_lock;
+    std::function<void()> m_release; // set by the rows of the scope guards
+    std::unique_ptr<QObject> m_context; // owns the observing connections of one row
+    QStringList m_reports;
 };
 
 void tst_KrMutex::init()
 {
+    m_reports.clear();
+    m_release = nullptr; // a guard left over by a failed row releases its lock
     m_context.reset(new QObject);
-    m_seen = {};
-    m_mutexReports = m_readWriteReports = 0;
     KrMutexManager *monitor = KrMutexManager::getInstance();
-    connect(monitor, &KrMutexManager::signalMutexLock, m_context.get(),
-            [this](QMutex *mutex, const QString &text) {
-                QCOMPARE(mutex, &m_mutex);
-                m_seen.heldAtLockReport.append(isHeld(mutex));
-                m_seen.texts.append(text);
-                ++m_mutexReports;
-            });
-    connect(monitor, &KrMutexManager::signalMutexUnLock, m_context.get(), [this](QMutex *mutex) {
-        m_seen.heldAtUnlockReport.append(isHeld(mutex));
-        ++m_mutexReports;
+    QObject *context = m_context.get();
+    connect(monitor, &KrMutexManager::signalMutexLock, context, [this](QMutex *m, QString text) {
+        m_reports << describe("mutex lock", m, &m_mutex, text);
     });
-    connect(monitor, &KrMutexManager::signalReadWriteMutexLock, m_context.get(),
-            [this](QReadWriteLock *lock, const QString &text) {
-                QCOMPARE(lock, &m_readWriteLock);
-                m_seen.heldAtLockReport.append(isHeld(lock));
-                m_seen.texts.append(text);
-                ++m_readWriteReports;
+    connect(monitor, &KrMutexManager::signalMutexUnLock, context,
+            [this](QMutex *m) { m_reports << describe("mutex unlock", m, &m_mutex); });
+    connect(monitor, &KrMutexManager::signalReadWriteMutexLock, context,
+            [this](QReadWriteLock *l, QString text) {
+                m_reports << describe("read-write lock", l, &m_lock, text);
             });
-    connect(monitor, &KrMutexManager::signalReadWriteMutexUnLock, m_context.get(),
-            [this](QReadWriteLock *lock) {
-                m_seen.heldAtUnlockReport.append(isHeld(lock));
-                ++m_readWriteReports;
-            });
-}
-
-void tst_KrMutex::cleanup()
-{
-    m_context.reset();
+    connect(monitor, &KrMutexManager::signalReadWriteMutexUnLock, context,
+            [this](QReadWriteLock *l) { m_reports << describe("read-write unlock", l, &m_lock); });
 }
 
 void tst_KrMutex::reportsAfterTheLockChanged_data()
 {
-    QTest::addColumn<LockAction>("take");
+    QTest::addColumn<Take>("take");
     QTest::addColumn<bool>("readWrite");
+    QTest::addColumn<Given>("given");
 
-    QMutex *m = &m_mutex;
-    QReadWriteLock *rw = &m_readWriteLock;
-    QTest::newRow("lock") << LockAction([m] {
-        KrMutex::lock(m, first, 42, second);
-        return true;
-    }) << false;
-    QTest::newRow("trylock") << LockAction([m] {
-        return KrMutex::trylock(m, 100, first, 42, second);
-    }) << false;
-    QTest::newRow("lockForRead") << LockAction([rw] {
-        KrMutex::lockForRead(rw, first, 42, second);
-        return true;
-    }) << true;
-    QTest::newRow("lockForWrite") << LockAction([rw] {
-        KrMutex::lockForWrite(rw, first, 42, second);
-        return true;
-    }) << true;
-    QTest::newRow("tryLockForRead")
-            << LockAction([rw] { return KrMutex::tryLockForRead(rw, first, 42, second); }) << true;
-    QTest::newRow("tryLockForRead timeout")
-            << LockAction([rw] { return KrMutex::tryLockForRead(rw, 100, first, 42, second); })
-            << true;
-    QTest::newRow("tryLockForWrite")
-            << LockAction([rw] { return KrMutex::tryLockForWrite(rw, first, 42, second); }) << true;
-    QTest::newRow("tryLockForWrite timeout")
-            << LockAction([rw] { return KrMutex::tryLockForWrite(rw, 100, first, 42, second); })
-            << true;
+    const auto taken = [](std::function<void()> call) {
+        return Take([call] {
+            call();
+            return true;
+        });
+    };
+    const Take lock = taken([this] { KrMutex::lock(&m_mutex, a, 42, f); });
+    const Take trylock([this] { return KrMutex::trylock(&m_mutex, 10, a, 42, f); });
+    const Take lockForRead = taken([this] { KrMutex::lockForRead(&m_lock, a, 42, f); });
+    const Take lockForWrite = taken([this] { KrMutex::lockForWrite(&m_lock, a, 42, f); });
+    const Take tryRead([this] { return KrMutex::tryLockForRead(&m_lock, a, 42, f); });
+    const Take tryReadFor([this] { return KrMutex::tryLockForRead(&m_lock, 10, a, 42, f); });
+    const Take tryWrite([this] { return KrMutex::tryLockForWrite(&m_lock, a, 42, f); });
+    const Take tryWriteFor([this] { return KrMutex::tryLockForWrite(&m_lock, 10, a, 42, f); });
+
+    QTest::newRow("lock") << lock << false << FreeLock;
+    QTest::newRow("trylock") << trylock << false << FreeLock;
+    QTest::newRow("lockForRead") << lockForRead << true << FreeLock;
+    QTest::newRow("lockForWrite") << lockForWrite << true << FreeLock;
+    QTest::newRow("tryLockForRead") << tryRead << true << FreeLock;
+    QTest::newRow("tryLockForRead, time-out") << tryReadFor << true << FreeLock;
+    QTest::newRow("tryLockForWrite") << tryWrite << true << FreeLock;
+    QTest::newRow("tryLockForWrite, time-out") << tryWriteFor << true << FreeLock;
+    QTest::newRow("trylock fails") << trylock << false << HeldMutex;
+    QTest::newRow("tryLockForRead fails") << tryRead << true << WriteLocked;
+    QTest::newRow("tryLockForRead, time-out, fails") << tryReadFor << true << WriteLocked;
+    QTest::newRow("tryLockForWrite fails") << tryWrite << true << ReadLocked;
+    QTest::newRow("tryLockForWrite, time-out, fails") << tryWriteFor << true << ReadLocked;
+
+    // A guard is unlocked twice, then destroyed: the lock is released and reported once.
+    QTest::newRow("KrMutexLocker") << Take([this] {
+        auto guard = std::make_shared<KrMutexLocker>(&m_mutex, a, 42, f);
+        m_release = [this, guard] {
+            guard->unlock();
+            guard->unlock();
+            QCOMPARE(guard->mutex(), &m_mutex);
+        };
+        return guard->mutex() == &m_mutex;
+    }) << false << FreeLock;
+    QTest::newRow("KrReadLocker") << Take([this] {
+        auto guard = std::make_shared<KrReadLocker>(&m_lock, a, 42, f);
+        m_release = [guard] {
+            guard->unlock();
+            guard->unlock();
+        };
+        return guard->readWriteLock() == &m_lock;
+    }) << true << FreeLock;
+    QTest::newRow("KrWriteLocker") << Take([this] {
+        auto guard = std::make_shared<KrWriteLocker>(&m_lock, a, 42, f);
+        m_release = [guard] {
+            guard->unlock();
+            guard->unlock();
+        };
+        return guard->readWriteLock() == &m_lock;
+    }) << true << FreeLock;
+    QTest::newRow("guards over no lock") << Take([] {
+        KrMutexLocker mutexLocker(nullptr, a, 42, f);
+        KrReadLocker readLocker(nullptr, a, 42, f);
+        KrWriteLocker writeLocker(nullptr, a, 42, f);
+        mutexLocker.unlock();
+        readLocker.unlock();
+        writeLocker.unlock();
+        return mutexLocker.mutex() || readLocker.readWriteLock() || writeLocker.readWriteLock();
+    }) << false << NoLock;
 }
 
 void tst_KrMutex::reportsAfterTheLockChanged()
 {
-    QFETCH(LockAction, take);
+    QFETCH(Take, take);
     QFETCH(bool, readWrite);
+    QFETCH(Given, given);
 
-    QVERIFY(take());
-    if (readWrite)
-        KrMutex::unlockReadWrite(&m_readWriteLock);
-    else
+    if (given == HeldMutex)
+        m_mutex.lock(); // plain Qt calls: not reported
+    else if (given == ReadLocked)
+        m_lock.lockForRead();
+    else if (given == WriteLocked)
+        m_lock.lockForWrite();
+    const bool taken = take();
+    if (given == HeldMutex)
+        m_mutex.unlock();
+    else if (given == ReadLocked || given == WriteLocked)
+        m_lock.unlock();
+    QCOMPARE(taken, given == FreeLock);
+
+    if (taken && m_release)
+        std::exchange(m_release, nullptr)();
+    else if (taken && readWrite)
+        KrMutex::unlockReadWrite(&m_lock);
+    else if (taken)
         KrMutex::unlock(&m_mutex);
-
-    QCOMPARE(readWrite ? m_readWriteReports : m_mutexReports, 2);
-    QCOMPARE(readWrite ? m_mutexReports : m_readWriteReports, 0);
-    QCOMPARE(m_seen.texts, QStringList {callSite});
-    QCOMPARE(m_seen.heldAtLockReport, QVector<bool> {true});
-    QCOMPARE(m_seen.heldAtUnlockReport, QVector<bool> {false});
-}
-
-void tst_KrMutex::failedTryReportsNothing_data()
-{
-    QTest::addColumn<LockAction>("hold");
-    QTest::addColumn<LockAction>("tryTake");
-    QTest::addColumn<LockAction>("release");
-
-    QMutex *m = &m_mutex;
-    QReadWriteLock *rw = &m_readWriteLock;
-    const LockAction holdMutex([m] {
-        m->lock();
-        return true;
-    });
-    const LockAction releaseMutex([m] {
-        m->unlock();
-        return true;
-    });
-    const LockAction holdForRead([rw] {
-        rw->lockForRead();
-        return true;
-    });
-    const LockAction holdForWrite([rw] {
-        rw->lockForWrite();
-        return true;
-    });
-    const LockAction releaseReadWrite([rw] {
-        rw->unlock();
-        return true;
-    });
-
-    QTest::newRow("trylock") << holdMutex << LockAction([m] {
-        return KrMutex::trylock(m, 10, first, 42, second);
-    }) << releaseMutex;
-    QTest::newRow("tryLockForRead") << holdForWrite << LockAction([rw] {
-        return KrMutex::tryLockForRead(rw, first, 42, second);
-    }) << releaseReadWrite;
-    QTest::newRow("tryLockForRead timeout") << holdForWrite << LockAction([rw] {
-        return KrMutex::tryLockForRead(rw, 10, first, 42, second);
-    }) << releaseReadWrite;
-    QTest::newRow("tryLockForWrite") << holdForRead << LockAction([rw] {
-        return KrMutex::tryLockForWrite(rw, first, 42, second);
-    }) << releaseReadWrite;
-    QTest::newRow("tryLockForWrite timeout") << holdForRead << LockAction([rw] {
-        return KrMutex::tryLockForWrite(rw, 10, first, 42, second);
-    }) << releaseReadWrite;
-}
-
-void tst_KrMutex::failedTryReportsNothing()
-{
-    QFETCH(LockAction, hold);
-    QFETCH(LockAction, tryTake);
-    QFETCH(LockAction, release);
-
-    hold(); // plain Qt call: not reported
-    const bool taken = tryTake();
-    release();
-    QVERIFY(!taken);
-    QCOMPARE(m_mutexReports + m_readWriteReports, 0);
-}
-
-void tst_KrMutex::guardOverNullHoldsNothing()
-{
-    {
-        KrMutexLocker mutexLocker(nullptr, first, 42, second);
-        KrReadLocker readLocker(nullptr, first, 42, second);
-        KrWriteLocker writeLocker(nullptr, first, 42, second);
-        QCOMPARE(mutexLocker.mutex(), nullptr);
-        QCOMPARE(readLocker.readWriteLock(), nullptr);
-        QCOMPARE(writeLocker.readWriteLock(), nullptr);
-        mutexLocker.unlock();
-        readLocker.unlock();
-    }
-    QCOMPARE(m_mutexReports + m_readWriteReports, 0);
-}
-
-void tst_KrMutex::guardReleasesAndReportsOnce_data()
-{
-    QTest::addColumn<int>("kind");
-    QTest::newRow("KrMutexLocker") << 0;
-    QTest::newRow("KrReadLocker") << 1;
-    QTest::newRow("KrWriteLocker") << 2;
-}
-
-void tst_KrMutex::guardReleasesAndReportsOnce()
-{
-    QFETCH(int, kind);
-
-    // held while alive, released by the first unlock(), never released twice
-    const QVector<bool> expected {true, false, false};
-    if (kind == 0) {
-        KrMutexLocker guard(&m_mutex, first, 42, second);
-        QCOMPARE(guard.mutex(), &m_mutex);
-        QCOMPARE(heldAcrossUnlocks(guard, &m_mutex), expected);
-        QCOMPARE(guard.mutex(), &m_mutex);
-    } else if (kind == 1) {
-        KrReadLocker guard(&m_readWriteLock, first, 42, second);
-        QCOMPARE(guard.readWriteLock(), &m_readWriteLock);
-        QCOMPARE(heldAcrossUnlocks(guard, &m_readWriteLock), expected);
-    } else {
-        KrWriteLocker guard(&m_readWriteLock, first, 42, second);
-        QCOMPARE(guard.readWriteLock(), &m_readWriteLock);
-        QCOMPARE(heldAcrossUnlocks(guard, &m_readWriteLock), expected);
-    }
-    // one lock and one unlock report, whatever the guard's destructor did after unlock()
-    QCOMPARE(m_mutexReports + m_readWriteReports, 2);
-    QCOMPARE(m_seen.heldAtLockReport, QVector<bool> {true});
-    QCOMPARE(m_seen.heldAtUnlockReport, QVector<bool> {false});
-    QCOMPARE(m_seen.texts, QStringList {callSite});
+    const QString kind = QLatin1String(readWrite ? "read-write " : "mutex ");
+    const QStringList reports {kind + QStringLiteral("lock while held a.cpp        42        f"),
+                               kind + QStringLiteral("unlock while free")};
+    QCOMPARE(m_reports, taken ? reports : QStringList());
 }
 
 QTEST_GUILESS_MAIN(tst_KrMutex)
