@@ -782,9 +782,12 @@ void tst_KrXlsxReader::contract()
 
     // Opening again forgets the previous workbook, its date system too.
     QVERIFY(reader.open(fixture("openpyxl_1904.xlsx")));
-    QVERIFY2(reader.open(fixture("libreoffice.xlsx")), qPrintable(reader.errorString()));
-    QCOMPARE(reader.sheetNames().size(), 3);
-    QVERIFY(read(reader, 1).startsWith(" A1=2024-03-10 "));
+    QByteArray plain = zip(
+            edited(oneSheet("<row r='1'><c r='A1' s='1'><v>1</v></c></row>", {}, styles({0, 14})),
+                   "xl/workbook.xml", "<workbookPr/>", ""));
+    QBuffer plainBuffer(&plain);
+    QVERIFY(plainBuffer.open(QIODevice::ReadOnly) && reader.open(&plainBuffer));
+    QCOMPARE(read(reader, 0), " A1=1900-01-01");
     QVERIFY(!reader.open(fixture("make_fixtures.sh")));
     QVERIFY(reader.sheetNames().isEmpty());
     reader.close();
