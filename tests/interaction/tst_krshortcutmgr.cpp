@@ -274,6 +274,8 @@ private Q_SLOTS:
         QTest::newRow("a key that opens nothing forms no pair")
                 << QStringList {"Ctrl+D=13"} << "*Ctrl+K *Ctrl+D" << QList<int> {13}
                 << "+Ctrl +K -K -Ctrl +Ctrl -Ctrl";
+        QTest::newRow("a lone modifier between the keys is no key 2")
+                << pair << "*Ctrl+K *Alt *Ctrl+D" << QList<int> {12} << "+Ctrl +Alt +Ctrl -Ctrl";
         QTest::newRow("an unknown key 2 ends the sequence")
                 << pair << "*Ctrl+K *Ctrl+Y *Ctrl+D" << QList<int>()
                 << "+Ctrl +Ctrl +Y -Y -Ctrl +Ctrl +D -D -Ctrl";
