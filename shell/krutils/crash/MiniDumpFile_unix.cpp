@@ -170,14 +170,14 @@ bool MiniDumpFile::writeMemory(uint64_t address, uint64_t length)
     return !m_error;
 }
 
-MdLocation MiniDumpFile::writeString(const char *utf8, size_t length)
+uint32_t MiniDumpFile::writeString(const char *utf8, size_t length)
 {
     padTo(8);
     const auto *s = reinterpret_cast<const unsigned char *>(utf8);
     uint32_t units = 0;
     for (size_t i = 0, used = 0; i < length; i += used)
         units += decodeUtf8(s + i, length - i, &used) >= 0x10000 ? 2 : 1;
-    MdLocation where {4 + units * 2 + 2, uint32_t(m_offset)};
+    const auto where = uint32_t(m_offset);
     const uint32_t bytes = units * 2;
     writeBytes(&bytes, sizeof bytes);
     size_t filled = 0;

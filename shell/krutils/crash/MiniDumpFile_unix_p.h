@@ -40,8 +40,8 @@ public:
     // that the kernel cannot read are written as zeros.
     bool writeMemory(uint64_t address, uint64_t length);
     // Writes a MINIDUMP_STRING (UTF-16, its byte length first, a terminator after) of UTF-8 text
-    // and returns where.
-    MdLocation writeString(const char *utf8, size_t length);
+    // and returns its offset in the file.
+    uint32_t writeString(const char *utf8, size_t length);
 
     void addStream(uint32_t type, MdLocation location);
     // Writes a structure as a stream of its own.

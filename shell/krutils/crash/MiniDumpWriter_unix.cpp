@@ -242,7 +242,7 @@ void writeSystemInfo()
             appendText(text, sizeof text, &used, part, textLength(part));
         }
     }
-    info.csdVersionRva = file.writeString(text, used).rva;
+    info.csdVersionRva = file.writeString(text, used);
     file.writeStream(SystemInfoStream, &info, sizeof info);
 }
 
@@ -268,8 +268,7 @@ void writeThreadNames()
         length = 0;
     while (length > 0 && (name[length - 1] == '\n' || name[length - 1] == '\0'))
         --length;
-    const MdLocation nameLocation = file.writeString(name, size_t(length));
-    MdThreadName entry {uint32_t(g.tid), nameLocation.rva};
+    MdThreadName entry {uint32_t(g.tid), file.writeString(name, size_t(length))};
     file.padTo(8);
     const uint32_t count = 1;
     const MdLocation where {sizeof count + sizeof entry, uint32_t(file.offset())};
@@ -346,9 +345,9 @@ void writeModuleList()
     for (size_t i = 0; i < process.moduleCount(); ++i) {
         Module &module = process.module(i);
         if (module.vdso)
-            module.name = file.writeString("linux-gate.so", 13);
+            module.nameRva = file.writeString("linux-gate.so", 13);
         else
-            module.name = file.writeString(process.path(module), module.pathLength);
+            module.nameRva = file.writeString(process.path(module), module.pathLength);
         uint8_t record[4 + 64];
         std::memcpy(record, &CodeViewElfSignature, 4);
         const size_t idLength = process.buildId(module.base, record + 4, sizeof record - 4);
@@ -367,7 +366,7 @@ void writeModuleList()
         entry.baseOfImage = module.base;
         const uint64_t size = module.end - module.base;
         entry.sizeOfImage = uint32_t(size > 0xFFFFFFFFu ? 0xFFFFFFFFu : size);
-        entry.moduleNameRva = module.name.rva;
+        entry.moduleNameRva = module.nameRva;
         entry.cvRecord = module.codeView;
         file.writeBytes(&entry, sizeof entry);
     }

@@ -50,7 +50,7 @@ struct Module
     uint16_t pathLength;
     bool vdso;
     // Where the writer put the module's name and CodeView record.
-    MiniDumpFormat::MdLocation name;
+    uint32_t nameRva;
     MiniDumpFormat::MdLocation codeView;
 };
 
