@@ -14,38 +14,23 @@
 #include <QJsonObject>
 #include <QPointer>
 #include <QProcess>
-#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QtTest>
 
-#include <memory>
-
 using SheetDetailList = QMap<QString, QList<QVariantMap>>;
 
-namespace {
-
-// A cell to write: row and column 1-based.
-struct TestCell
-{
-    int row;
-    int column;
-    QVariant value;
-};
-using TestSheet = QPair<QString, QVector<TestCell>>;
-} // namespace
-
-Q_DECLARE_METATYPE(TestCell)
+using Cells = QMap<QPair<int, int>, QVariant>; // by 1-based row and column
 
 namespace {
 
-bool writeWorkbook(const QString &fileName, const QVector<TestSheet> &sheets)
+bool writeWorkbook(const QString &fileName, const QVector<QPair<QString, Cells>> &sheets)
 {
     KrXlsxWriter writer(fileName);
-    for (const TestSheet &sheet : sheets) {
+    for (const auto &sheet : sheets) {
         if (!writer.addSheet(sheet.first))
             return false;
-        for (const TestCell &cell : sheet.second) {
-            if (!writer.writeCell(cell.row, cell.column, cell.value))
+        for (auto cell = sheet.second.cbegin(); cell != sheet.second.cend(); ++cell) {
+            if (!writer.writeCell(cell.key().first, cell.key().second, *cell))
                 return false;
         }
     }
@@ -53,9 +38,9 @@ bool writeWorkbook(const QString &fileName, const QVector<TestSheet> &sheets)
 }
 
 // Waits for `condition` while events run; a time-out fails the running test.
-bool waitFor(const std::function<bool()> &condition, const char *what, int timeout = 30000)
+bool waitFor(const std::function<bool()> &condition, const char *what)
 {
-    if (QTest::qWaitFor(condition, timeout))
+    if (QTest::qWaitFor(condition, 30000))
         return true;
     QTest::qFail(what, __FILE__, __LINE__);
     return false;
@@ -74,7 +59,9 @@ struct Outcome
 
 // Parses `fileName` with a new importer and waits for the result; the importer is deleted
 // afterwards and its thread stops.
-Outcome runImport(const QString &fileName, int expectedReports = 1)
+const Cells kv = {{{1, 1}, "k"}, {{2, 1}, "v"}}; // a header and one record
+
+Outcome runImport(const QString &fileName)
 {
     Outcome outcome;
     QObject context;
@@ -91,7 +78,7 @@ Outcome runImport(const QString &fileName, int expectedReports = 1)
             import, &KrParseInportExcelFile::parseFileFinished, import,
             [&] { outcome.thread = QThread::currentThread()->objectName(); }, Qt::DirectConnection);
     import->setFileName(fileName);
-    waitFor([&] { return outcome.count >= expectedReports; }, "no parseFileFinished");
+    waitFor([&] { return outcome.count > 0; }, "no parseFileFinished");
     import->deleteLater();
     waitFor([&] { return thread.isNull(); }, "the importer's thread did not end");
     return outcome;
@@ -123,7 +110,6 @@ private:
     QJsonObject describe(const QString &fileName);
 
     QTemporaryDir m_dir;
-    QString m_python;
     QString m_script;
 };
 
@@ -132,39 +118,25 @@ void tst_KrExcelFiles::initTestCase()
     QVERIFY(m_dir.isValid());
     m_script = QFINDTESTDATA("xlsx_describe.py");
     QVERIFY(!m_script.isEmpty());
-    // The first python3 on PATH that has openpyxl.
-    for (const QString &dir : qEnvironmentVariable("PATH").split(QLatin1Char(':'))) {
-        const QString candidate = QDir(dir).filePath(QStringLiteral("python3"));
-        QProcess probe; // its error output, when openpyxl is missing, is dropped
-        if (!QFileInfo(candidate).isExecutable())
-            continue;
-        probe.start(candidate, {QStringLiteral("-c"), QStringLiteral("import openpyxl")});
-        if (probe.waitForFinished() && probe.exitStatus() == QProcess::NormalExit
-            && probe.exitCode() == 0) {
-            m_python = candidate;
-            break;
-        }
-    }
-    QVERIFY2(!m_python.isEmpty(), "no python3 with openpyxl (Debian: python3-openpyxl)");
 }
 
 void tst_KrExcelFiles::importRecordsByHeader_data()
 {
-    QTest::addColumn<QVector<TestCell>>("cells");
+    QTest::addColumn<Cells>("cells");
     QTest::addColumn<QList<QVariantMap>>("records");
 
     const QVariant empty;
     QTest::newRow("typed values, an empty cell")
-            << QVector<TestCell>({{1, 1, "code"},
-                                  {1, 2, "qty"},
-                                  {1, 3, "buy"},
-                                  {1, 4, "day"},
-                                  {2, 1, "600519.SH"},
-                                  {2, 2, 300},
-                                  {2, 3, true},
-                                  {2, 4, QDate(2024, 3, 1)},
-                                  {3, 1, "000001.SZ"},
-                                  {3, 3, false}})
+            << Cells({{{1, 1}, "code"},
+                      {{1, 2}, "qty"},
+                      {{1, 3}, "buy"},
+                      {{1, 4}, "day"},
+                      {{2, 1}, "600519.SH"},
+                      {{2, 2}, 300},
+                      {{2, 3}, true},
+                      {{2, 4}, QDate(2024, 3, 1)},
+                      {{3, 1}, "000001.SZ"},
+                      {{3, 3}, false}})
             << QList<QVariantMap>(
                        {{{"code", "600519.SH"},
                          {"qty", 300.0},
@@ -175,37 +147,40 @@ void tst_KrExcelFiles::importRecordsByHeader_data()
     const QDateTime open(QDate(2024, 3, 1), QTime(9, 30), Qt::UTC);
     const QDateTime midnight(QDate(2024, 3, 2), QTime(0, 0), Qt::UTC);
     QTest::newRow("a date-time column keeps its type at midnight")
-            << QVector<TestCell>({{1, 1, "at"}, {2, 1, open}, {3, 1, midnight}})
+            << Cells({{{1, 1}, "at"}, {{2, 1}, open}, {{3, 1}, midnight}})
             << QList<QVariantMap>({{{"at", open}}, {{"at", midnight}}});
-    QTest::newRow("header only") << QVector<TestCell>({{1, 1, "code"}, {1, 2, "qty"}})
+    QTest::newRow("header only") << Cells({{{1, 1}, "code"}, {{1, 2}, "qty"}})
                                  << QList<QVariantMap>();
-    QTest::newRow("empty sheet") << QVector<TestCell>() << QList<QVariantMap>();
+    QTest::newRow("empty sheet") << Cells() << QList<QVariantMap>();
     QTest::newRow("empty header cells share the key \"\", the rightmost wins")
-            << QVector<TestCell>(
-                       {{1, 1, "code"}, {1, 3, 7}, {2, 1, "a"}, {2, 2, "left"}, {2, 4, "right"}})
+            << Cells({{{1, 1}, "code"},
+                      {{1, 3}, 7},
+                      {{2, 1}, "a"},
+                      {{2, 2}, "left"},
+                      {{2, 4}, "right"}})
             << QList<QVariantMap>({{{"code", "a"}, {"", "right"}, {"7", empty}}});
     QTest::newRow("a repeated header text takes the rightmost column")
-            << QVector<TestCell>({{1, 1, "px"}, {1, 2, "px"}, {2, 1, 1.5}, {2, 2, 2.5}})
+            << Cells({{{1, 1}, "px"}, {{1, 2}, "px"}, {{2, 1}, 1.5}, {{2, 2}, 2.5}})
             << QList<QVariantMap>({{{"px", 2.5}}});
     // Cells in C2:E4: three columns and three rows, read from A1: the header A1:C1 is empty
     // (one key "", column C), the records are rows 2 and 3, so D2, E3 and C4 are never read.
     QTest::newRow("a range starting at C2 is read from A1")
-            << QVector<TestCell>({{2, 3, "c2"}, {2, 4, "d2"}, {3, 5, "e3"}, {4, 3, "c4"}})
+            << Cells({{{2, 3}, "c2"}, {{2, 4}, "d2"}, {{3, 5}, "e3"}, {{4, 3}, "c4"}})
             << QList<QVariantMap>({{{"", "c2"}}, {{"", empty}}});
     QTest::newRow("sparse rows keep their place")
-            << QVector<TestCell>({{1, 1, "k"}, {2, 1, "first"}, {5, 1, "fifth"}})
+            << Cells({{{1, 1}, "k"}, {{2, 1}, "first"}, {{5, 1}, "fifth"}})
             << QList<QVariantMap>(
                        {{{"k", "first"}}, {{"k", empty}}, {{"k", empty}}, {{"k", "fifth"}}});
 }
 
 void tst_KrExcelFiles::importRecordsByHeader()
 {
-    QFETCH(QVector<TestCell>, cells);
+    QFETCH(Cells, cells);
     QFETCH(QList<QVariantMap>, records);
 
     const QString fileName = path(QStringLiteral("records.xlsx"));
     QVERIFY(writeWorkbook(fileName,
-                          {{QStringLiteral("Zeta"), {{1, 1, QStringLiteral("z")}}},
+                          {{QStringLiteral("Zeta"), {{{1, 1}, QStringLiteral("z")}}},
                            {QStringLiteral("Orders"), cells}}));
     const Outcome outcome = runImport(fileName);
     QVERIFY(outcome.result);
@@ -239,12 +214,9 @@ void tst_KrExcelFiles::importFiles_data()
     QTest::newRow("upper case") << "orders.XLSX" << good << 0 << "";
     QTest::newRow("two dots") << "report.2024.xlsx" << good << 0 << "";
     QTest::newRow("csv") << "orders.csv" << good << 0 << "";
-    QTest::newRow("no suffix") << "orders" << good << 0 << "";
     QTest::newRow("missing") << "bad.xlsx" << QByteArray() << 0 << "cannot read";
-    QTest::newRow("text") << "bad.xlsx" << QByteArray("code,qty\n600519.SH,300\n") << 0
-                          << "cannot read";
-    QTest::newRow("truncated zip") << "bad.xlsx" << QByteArray("PK\x03\x04\x14\x00\x00\x00", 8)
-                                   << 0 << "cannot read";
+    QTest::newRow("truncated zip")
+            << "bad.xlsx" << QByteArray("PK\x03\x04\x14\x00\x00\x00", 8) << 0 << "cannot read";
 }
 
 void tst_KrExcelFiles::importFiles()
@@ -257,7 +229,7 @@ void tst_KrExcelFiles::importFiles()
     const QString fileName = path(name);
     QFile::remove(fileName);
     if (content == "workbook") {
-        QVERIFY(writeWorkbook(fileName, {{QStringLiteral("S"), {{1, 1, "k"}, {2, 1, "v"}}}}));
+        QVERIFY(writeWorkbook(fileName, {{QStringLiteral("S"), kv}}));
     } else if (!content.isEmpty()) {
         QFile file(fileName);
         QVERIFY(file.open(QIODevice::WriteOnly) && file.write(content) == content.size());
@@ -278,8 +250,8 @@ void tst_KrExcelFiles::importRefusesAnOversizedSheet()
     // Two cells far apart span 16,384 x 1,048,576 cells: that sheet is refused, the other read.
     const QString fileName = path(QStringLiteral("oversized.xlsx"));
     QVERIFY(writeWorkbook(fileName,
-                          {{QStringLiteral("Far apart"), {{1, 1, "k"}, {1048576, 16384, 1}}},
-                           {QStringLiteral("Fine"), {{1, 1, "k"}, {2, 1, "v"}}}}));
+                          {{QStringLiteral("Far apart"), {{{1, 1}, "k"}, {{1048576, 16384}, 1}}},
+                           {QStringLiteral("Fine"), kv}}));
     MessageCapture capture;
     const Outcome outcome = runImport(fileName);
     QVERIFY(outcome.result);
@@ -295,8 +267,8 @@ void tst_KrExcelFiles::importAgainWithANewName()
     // parsed once; a later setFileName() parses the new file. The debug line carries the result.
     const QString first = path(QStringLiteral("first.xlsx"));
     const QString second = path(QStringLiteral("second.xlsx"));
-    QVERIFY(writeWorkbook(first, {{QStringLiteral("One"), {{1, 1, "k"}, {2, 1, "v"}}}}));
-    QVERIFY(writeWorkbook(second, {{QStringLiteral("Two"), {{1, 1, "k"}}}}));
+    QVERIFY(writeWorkbook(first, {{QStringLiteral("One"), kv}}));
+    QVERIFY(writeWorkbook(second, {{QStringLiteral("Two"), {{{1, 1}, "k"}}}}));
     for (int round = 0; round < 20; ++round) {
         MessageCapture capture;
         QObject context;
@@ -366,13 +338,18 @@ Outcome tst_KrExcelFiles::runExport(const QString &fileName, const SheetDetailLi
     return outcome;
 }
 
+// What the first python3 on PATH with openpyxl (a pyenv shim may come first without it) reads.
 QJsonObject tst_KrExcelFiles::describe(const QString &fileName)
 {
-    QProcess python;
-    python.start(m_python, {m_script, fileName});
-    if (!python.waitForFinished(120000) || python.exitCode() != 0)
-        QTest::qFail(python.readAllStandardError().constData(), __FILE__, __LINE__);
-    return QJsonDocument::fromJson(python.readAllStandardOutput()).object();
+    for (const QString &directory : qEnvironmentVariable("PATH").split(QDir::listSeparator())) {
+        QProcess python;
+        python.start(QDir(directory).filePath(QStringLiteral("python3")), {m_script, fileName});
+        if (python.waitForFinished(120000) && python.exitCode() == 0)
+            return QJsonDocument::fromJson(python.readAllStandardOutput()).object();
+    }
+    QTest::qFail("no python3 on PATH read the workbook with openpyxl (Debian: python3-openpyxl)",
+                 __FILE__, __LINE__);
+    return {};
 }
 
 namespace {
@@ -425,8 +402,8 @@ void tst_KrExcelFiles::exportRoundTrip()
                 if (expected.userType() == QMetaType::Int)
                     expected = expected.toDouble();
                 else if (expected.userType() == QMetaType::QDateTime) // the wall clock
-                    expected = QDateTime(expected.toDateTime().date(),
-                                         expected.toDateTime().time(), Qt::UTC);
+                    expected = QDateTime(expected.toDateTime().date(), expected.toDateTime().time(),
+                                         Qt::UTC);
                 QCOMPARE(got.userType(), expected.userType());
                 QCOMPARE(got, expected);
             }
@@ -471,40 +448,39 @@ void tst_KrExcelFiles::exportCases_data()
     const SheetDetailList one = {{QStringLiteral("S"), {{{"k", "v"}}}}};
     const QStringList none;
     QTest::newRow("existing target is replaced")
-            << "orders.xlsx" << "file" << one << true << "Success" << QStringList({"S"});
+            << "orders.xlsx"
+            << "file" << one << true << "Success" << QStringList({"S"});
     QTest::newRow("empty list: one empty sheet")
-            << "empty.xlsx" << "" << SheetDetailList() << true << "Success"
-            << QStringList({"Sheet1"});
+            << "empty.xlsx"
+            << "" << SheetDetailList() << true << "Success" << QStringList({"Sheet1"});
     QTest::newRow("records without keys: an empty sheet")
-            << "blank.xlsx" << "" << SheetDetailList({{QStringLiteral("Blank"), {{}, {}}}})
-            << true << "Success" << QStringList({"Blank"});
+            << "blank.xlsx"
+            << "" << SheetDetailList({{QStringLiteral("Blank"), {{}, {}}}}) << true << "Success"
+            << QStringList({"Blank"});
     QTest::newRow("csv: the old file is removed, nothing written")
-            << "orders.csv" << "file" << one << true << "Success" << none;
-    QTest::newRow("txt") << "orders.txt" << "" << one << true << "Success" << none;
-    QTest::newRow("two dots") << "a.b.xlsx" << "file" << one << true << "Success" << none;
+            << "orders.csv"
+            << "file" << one << true << "Success" << none;
+    QTest::newRow("two dots") << "a.b.xlsx"
+                              << "file" << one << true << "Success" << none;
     // A directory in the way cannot be removed like a file (as a file another program holds).
     QTest::newRow("target that cannot be removed")
-            << "blocked.xlsx" << "directory" << one << false
-            << "文件已经打开无法重写 请关闭文件后再试" << QStringList({"blocked.xlsx"});
+            << "blocked.xlsx"
+            << "directory" << one << false << "文件已经打开无法重写 请关闭文件后再试"
+            << QStringList({"blocked.xlsx"});
 
     // What a workbook cannot hold: no file, not even a temporary one, and a warning.
     const QList<QVariantMap> record = {{{"k", "v"}}};
     QTest::newRow("sheet name of 32 characters")
-            << "refused.xlsx" << "" << SheetDetailList({{QString(32, QLatin1Char('n')), record}})
-            << false << QStringLiteral("Sheet name \"%1\" is longer than 31 characters")
-                                .arg(QString(32, QLatin1Char('n')))
+            << "refused.xlsx"
+            << "" << SheetDetailList({{QString(32, QLatin1Char('n')), record}}) << false
+            << QStringLiteral("Sheet name \"%1\" is longer than 31 characters")
+                       .arg(QString(32, QLatin1Char('n')))
             << none;
-    QTest::newRow("sheet name with a slash")
-            << "refused.xlsx" << "" << SheetDetailList({{QStringLiteral("P/L"), record}}) << false
-            << "Sheet name \"P/L\" contains '/'" << none;
     QTest::newRow("text of 32,768 characters")
-            << "refused.xlsx" << ""
+            << "refused.xlsx"
+            << ""
             << SheetDetailList({{QStringLiteral("S"), {{{"k", QString(32768, QLatin1Char('x'))}}}}})
             << false << "Sheet \"S\", cell A2: the text has 32768 characters" << none;
-    QTest::newRow("a value without a text form")
-            << "refused.xlsx" << "" << SheetDetailList({{QStringLiteral("S"), {{{"k", QVariantList({1, 2})}}}}})
-            << false << "Sheet \"S\", cell A2: a value of type QVariantList has no text form"
-            << none;
 }
 
 void tst_KrExcelFiles::exportCases()

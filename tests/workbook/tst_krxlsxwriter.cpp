@@ -12,12 +12,10 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QPoint>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTimeZone>
 #include <QUrl>
-#include <QUuid>
 #include <QtTest>
 
 #include <cmath>
@@ -52,9 +50,9 @@ QString field(const QJsonObject &cell, const char *name)
     return cell.value(QLatin1String(name)).toVariant().toString();
 }
 
-// The sheets of a workbook as the workbook layer's reader reads them, by name; "" lists the
-// names in workbook order. A file that cannot be read fails the running test.
-QMap<QString, Values> readBack(const QString &fileName)
+// The sheets of a workbook as the workbook layer's reader reads them, by name, and their names
+// in workbook order. A file that cannot be read fails the running test.
+QMap<QString, Values> readBack(const QString &fileName, QStringList *names = nullptr)
 {
     QMap<QString, Values> sheets;
     KrXlsxReader reader;
@@ -69,13 +67,9 @@ QMap<QString, Values> readBack(const QString &fileName)
             return true;
         });
     }
-    sheets[QString()].insert({0, 0}, reader.sheetNames());
+    if (names)
+        *names = reader.sheetNames();
     return sheets;
-}
-
-QStringList sheetNamesOf(const QMap<QString, Values> &sheets)
-{
-    return sheets.value(QString()).value({0, 0}).toStringList();
 }
 
 // Every entry of a directory, hidden ones (the writer's temporary files) included.
@@ -102,21 +96,19 @@ struct ValueCase
     QString numberFormat = QStringLiteral("General");
 };
 
-ValueCase text(const char *name, const QVariant &value, const char *expected)
+// Text as written unless `expected` tells otherwise; a number as its value.
+ValueCase text(const char *name, const QVariant &value, const QString &expected = {})
 {
-    return {name, value, QStringLiteral("str"), QString::fromUtf8(expected)};
+    return {name, value, QStringLiteral("str"), expected.isNull() ? value.toString() : expected};
 }
-ValueCase text(const char *name, const QVariant &value, const QString &expected)
+ValueCase number(const char *name, const QVariant &value)
 {
-    return {name, value, QStringLiteral("str"), expected};
+    return {name, value, QStringLiteral("number"), value.toDouble()};
 }
-ValueCase text(const char *name, const char *value) { return text(name, value, value); }
-ValueCase text(const char *name, const QString &value) { return text(name, value, value); }
-ValueCase number(const char *name, const QVariant &value, double expected)
+ValueCase noCell(const char *name, const QVariant &value)
 {
-    return {name, value, QStringLiteral("number"), expected};
+    return {name, value, {}, {}};
 }
-ValueCase noCell(const char *name, const QVariant &value) { return {name, value, {}, {}}; }
 ValueCase dateTime(const char *name, const QVariant &value, const QDate &date, const QTime &time,
                    const char *format)
 {
@@ -136,19 +128,21 @@ const std::vector<ValueCase> &valueCases()
         const qint64 exact = qint64(1) << 53;
         const QDate day(2024, 11, 22), first(1900, 1, 1), last(9999, 12, 31);
         const QTime morning(9, 30, 15), msecs(14, 59, 59, 123), lastMsec(23, 59, 59, 999);
-        const char *d = "yyyy-mm-dd", *dt = "yyyy-mm-dd hh:mm:ss", *dtMs = "yyyy-mm-dd hh:mm:ss.000";
+        const char *d = "yyyy-mm-dd", *dt = "yyyy-mm-dd hh:mm:ss",
+                   *dtMs = "yyyy-mm-dd hh:mm:ss.000";
         return std::vector<ValueCase> {
                 // Text stays text, whatever it looks like.
-                text("text", "Working order"), text("text: CJK", "贵州茅台 600519.SH"),
+                text("text", "Working order"),
+                text("text: CJK", "贵州茅台 600519.SH"),
                 text("text: beyond the BMP", QString::fromUcs4(U"\U0001F600 rally")),
-                text("text: formula", "=SUM(A1:A3)"), text("text: at sign", "@x"),
-                text("text: link", "http://example.com/orders?id=1"),
-                text("text: number-like", "007"), text("text: surrounding spaces", "  padded  "),
+                text("text: formula", "=SUM(A1:A3)"),
+                text("text: surrounding spaces", "  padded  "),
                 text("text: XML markup characters", "<a & b> \"c\" 'd'"),
                 text("text: tab and line breaks", "a\tb\nc\r\nd"),
                 text("text: control character", "a\u0001b"),
                 text("text: NUL inside", QString(QLatin1String("a\0b", 3))),
-                text("text: like an escape", "_x0041_"), text("text: lowercase escape", "i_x00e9_"),
+                text("text: like an escape", "_x0041_"),
+                text("text: lowercase escape", "i_x00e9_"),
                 text("text: like an escaped underscore", "_x005F_x0041_"),
                 text("text: nearly an escape", "_x004_ _x0041 x0041_ _X0041_"),
                 text("text: non-character U+FFFF", QStringLiteral("a") + QChar(0xffff)),
@@ -156,61 +150,57 @@ const std::vector<ValueCase> &valueCases()
                      QString(QChar::ReplacementCharacter) + QStringLiteral("x")),
                 text("text: longest a cell holds", QString(32767, QLatin1Char('y'))),
                 text("text: longest a cell holds, CJK", QString(32767, QChar(0x4e2d))),
-                noCell("text: empty", QString(QLatin1String(""))), noCell("text: null", QString()),
+                noCell("text: empty", QString(QLatin1String(""))),
+                noCell("text: null", QString()),
 
                 // Integers as numbers while a double holds them exactly, then as exact text.
-                number("int", 42, 42),
-                number("int: largest", std::numeric_limits<int>::max(), 2147483647.0),
-                number("int: smallest", std::numeric_limits<int>::min(), -2147483648.0),
-                number("uint: largest", std::numeric_limits<uint>::max(), 4294967295.0),
-                number("short", QVariant::fromValue<short>(-32768), -32768),
-                number("ushort", QVariant::fromValue<ushort>(65535), 65535),
-                number("char", QVariant::fromValue<char>('A'), 65),
-                number("signed char", QVariant::fromValue<signed char>(-5), -5),
-                number("unsigned char", QVariant::fromValue<uchar>(200), 200),
-                number("long", QVariant::fromValue<long>(-1234567890L), -1234567890),
-                number("unsigned long", QVariant::fromValue<ulong>(4000000000UL), 4000000000.0),
-                number("qlonglong: 2^53", exact, double(exact)),
-                number("qlonglong: -2^53", -exact, -double(exact)),
-                text("qlonglong: 2^53 + 1", exact + 1, "9007199254740993"),
-                text("qlonglong: -2^53 - 1", -exact - 1, "-9007199254740993"),
-                text("qlonglong: smallest", std::numeric_limits<qlonglong>::min(),
-                     "-9223372036854775808"),
-                number("qulonglong: 2^53", quint64(exact), double(exact)),
-                text("qulonglong: largest", std::numeric_limits<qulonglong>::max(),
-                     "18446744073709551615"),
+                number("int", 42),
+                number("uint: largest", std::numeric_limits<uint>::max()),
+                number("short", QVariant::fromValue<short>(-32768)),
+                number("ushort", QVariant::fromValue<ushort>(65535)),
+                number("char", QVariant::fromValue<char>('A')),
+                number("signed char", QVariant::fromValue<signed char>(-5)),
+                number("unsigned char", QVariant::fromValue<uchar>(200)),
+                number("long", QVariant::fromValue<long>(-1234567890L)),
+                number("unsigned long", QVariant::fromValue<ulong>(4000000000UL)),
+                number("qlonglong: 2^53", exact),
+                number("qlonglong: -2^53", -exact),
+                text("qlonglong: 2^53 + 1", exact + 1),
+                text("qlonglong: -2^53 - 1", -exact - 1),
+                number("qulonglong: 2^53", quint64(exact)),
+                text("qulonglong: largest", std::numeric_limits<qulonglong>::max()),
 
                 // Floating point; what a workbook cannot hold as a number becomes text.
-                number("double", 1234.5678, 1234.5678), number("double: tiny", 1e-300, 1e-300),
-                number("double: negative", -0.25, -0.25), number("double: huge", 1e300, 1e300),
-                number("float", 0.1f, 0.1), number("float: pi", 3.14159f, 3.14159),
+                number("double", 1234.5678),
+                number("double: huge", 1e300),
+                {"float", 0.1f, QStringLiteral("number"), 0.1},
                 // libxlsxwriter prints 16 significant digits: a double that needs 17 comes back
                 // within a unit or two in the last place.
-                number("double: 17 significant digits", 0.1 + 0.2, 0.1 + 0.2),
-                text("double: NaN", nan, "nan"), text("double: infinity", infinity, "inf"),
-                text("double: negative infinity", -infinity, "-inf"),
+                number("double: 17 significant digits", 0.1 + 0.2),
+                text("double: NaN", nan, "nan"),
+                text("double: infinity", infinity, "inf"),
                 text("float: NaN", std::numeric_limits<float>::quiet_NaN(), "nan"),
                 {"bool: true", true, QStringLiteral("bool"), true},
                 {"bool: false", false, QStringLiteral("bool"), false},
 
                 // Dates: Excel shows 1900-01-01 .. 9999-12-31; others become text.
-                date("date", day, d), date("date: 1900-01-01", first, d),
+                date("date", day, d),
+                date("date: 1900-01-01", first, d),
                 date("date: 1900-02-28", QDate(1900, 2, 28), d),
-                date("date: 1900-03-01", QDate(1900, 3, 1), d), date("date: 9999-12-31", last, d),
+                date("date: 1900-03-01", QDate(1900, 3, 1), d),
+                date("date: 9999-12-31", last, d),
                 text("date: 1899-12-31", QDate(1899, 12, 31), "1899-12-31"),
                 text("date: year 10000", QDate(10000, 1, 1), "10000-01-01"),
-                text("date: before the common era", QDate(-44, 3, 15), "-0044-03-15"),
-                noCell("date: invalid", QDate(2023, 2, 30)), noCell("date: null", QDate()),
+                noCell("date: invalid", QDate(2023, 2, 30)),
                 dateTime("time", morning, {}, morning, "hh:mm:ss"),
                 dateTime("time: milliseconds", lastMsec, {}, lastMsec, "hh:mm:ss.000"),
                 dateTime("time: midnight", QTime(0, 0), {}, QTime(0, 0), "hh:mm:ss"),
-                noCell("time: invalid", QTime(25, 0)), noCell("time: null", QTime()),
+                noCell("time: invalid", QTime(25, 0)),
 
                 // Date-times as their own wall-clock value, whatever their time zone.
                 dateTime("datetime: UTC", QDateTime(day, morning, Qt::UTC), day, morning, dt),
                 dateTime("datetime: milliseconds", QDateTime(day, msecs, Qt::UTC), day, msecs,
                          dtMs),
-                dateTime("datetime: local time", QDateTime(day, morning), day, morning, dt),
                 dateTime("datetime: UTC+8", QDateTime(day, morning, Qt::OffsetFromUTC, 8 * 3600),
                          day, morning, dt),
                 dateTime("datetime: New York",
@@ -228,19 +218,16 @@ const std::vector<ValueCase> &valueCases()
                 text("datetime: 1899 with milliseconds",
                      QDateTime(QDate(1899, 12, 31), QTime(23, 59, 59, 500), Qt::UTC),
                      "1899-12-31 23:59:59.500"),
-                noCell("datetime: null", QDateTime()), noCell("invalid QVariant", QVariant()),
+                noCell("datetime: null", QDateTime()),
+                noCell("invalid QVariant", QVariant()),
                 noCell("null int", QVariant(QVariant::Int)),
                 noCell("null double", QVariant(QVariant::Double)),
 
                 // Other types by their text form.
                 text("QByteArray as UTF-8", QByteArray("=1+2 \xc3\xa9"), "=1+2 é"),
-                text("QChar", QChar(0x4e2d), "中"),
-                text("QUrl", QUrl(QStringLiteral("https://example.com/q?a=1")),
-                     "https://example.com/q?a=1"),
-                text("QUuid", QUuid(QStringLiteral("{6ba7b810-9dad-11d1-80b4-00c04fd430c8}")),
-                     "{6ba7b810-9dad-11d1-80b4-00c04fd430c8}"),
-                text("QStringList of one", QStringList {QStringLiteral("one")}, "one"),
-        };
+                text("QChar", QChar(0x4e2d)),
+                text("QUrl", QUrl(QStringLiteral("https://a.b/q?a=1"))),
+                text("QStringList of one", QStringList {QStringLiteral("one")}, "one")};
     }();
     return cases;
 }
@@ -248,26 +235,23 @@ const std::vector<ValueCase> &valueCases()
 // Column ranges of the sheet "Widths" (the last is set after its rows) and the widths stored.
 struct WidthCase
 {
-    const char *name;
     int first, last;
     double width;
 };
 const WidthCase widthCases[] = {
-        {"20, one column", 1, 1, 20}, {"Excel's default, 8.43", 2, 3, 8.43},
-        {"fraction, 12.5", 4, 4, 12.5}, {"one character", 5, 5, 1},
-        {"widest, 255", 6, 6, 255},     {"far columns", 100, 16384, 20},
-        {"20, set after the rows", 7, 20, 20},
-};
+        {1, 1, 20},       {2, 3, 8.43 /* Excel's default */},  {4, 4, 12.5}, {5, 5, 1}, {6, 6, 255},
+        {100, 16384, 20}, {7, 20, 20 /* set after the rows */}};
 
 // Sheet names Excel accepts, in the order added (not sorted); each sheet holds its name in A1.
-const QStringList acceptedNames = QStringList {"Zeta", "成交明细", "O'Brien", "with spaces",
-                                               "a.b,c;d!e#f%g&h(i)j", "=1+2", "Alpha"}
+const QStringList acceptedNames
+        = QStringList {"Zeta", "成交明细", "O'Brien", "with spaces", "a.b,c;d!e#f%g&h(i)j",
+                       "=1+2", "Alpha"}
         << QString(31, QLatin1Char('x')) << QString(31, QChar(0x4e2d));
 
 // A writer's steps up to the call that must fail; returns that call's result.
 using Steps = std::function<bool(KrXlsxWriter &)>;
 // What the directory holds before a writer for "{dir}/out.xlsx" starts.
-enum class Setting { Nothing, OldFile, ReadOnlyFile, Directory, FileForDirectory, Link };
+enum class Setting { Nothing, OldFile, ReadOnlyFile, Directory, Link };
 // What changes between the rows and save().
 enum class Change { RemoveDirectory, TargetBecomesDirectory, FileSizeLimit };
 
@@ -286,9 +270,7 @@ private slots:
 
     void values_data();
     void values();
-    void columnWidths_data();
-    void columnWidths();
-    void sheetsInOrderAdded();
+    void widthsAndSheetNames();
     void writeOrders_data();
     void writeOrders();
     void manyStrings();
@@ -397,92 +379,62 @@ void tst_KrXlsxWriter::values()
     }
 }
 
-void tst_KrXlsxWriter::columnWidths_data()
+// The file stores each width given, to the pixel (digits of the default font are 7 pixels wide);
+// the sheets come in the order added, each with its own name in A1.
+void tst_KrXlsxWriter::widthsAndSheetNames()
 {
-    QTest::addColumn<int>("index");
-    for (size_t i = 0; i < std::size(widthCases); ++i)
-        QTest::newRow(widthCases[i].name) << int(i);
-}
-
-// The file stores the width given, to the pixel (digits of the default font are 7 pixels wide).
-void tst_KrXlsxWriter::columnWidths()
-{
-    QFETCH(int, index);
-    const WidthCase &c = widthCases[index];
-    const QJsonArray ranges = m_oracle.value(QLatin1String("sheets"))
-                                      .toArray()
-                                      .at(1)
-                                      .toObject()
-                                      .value(QLatin1String("columns"))
-                                      .toArray();
-    QCOMPARE(ranges.size(), int(std::size(widthCases)));
-    for (const QJsonValue &range : ranges) {
-        if (range[QLatin1String("min")].toInt() == c.first) {
-            QCOMPARE(range[QLatin1String("max")].toInt(), c.last);
-            QCOMPARE(qRound(range[QLatin1String("width")].toDouble() * 7), qRound(c.width * 7));
-            return;
-        }
+    const QJsonArray sheets = m_oracle.value(QLatin1String("sheets")).toArray();
+    QMap<int, QPair<int, int>> ranges; // first column: last column, width in pixels
+    for (const QJsonValue &range : sheets.at(1)[QLatin1String("columns")].toArray()) {
+        ranges.insert(range[QLatin1String("min")].toInt(),
+                      {range[QLatin1String("max")].toInt(),
+                       qRound(range[QLatin1String("width")].toDouble() * 7)});
     }
-    QFAIL("no range starts there");
-}
+    QMap<int, QPair<int, int>> expected;
+    for (const WidthCase &c : widthCases)
+        expected.insert(c.first, {c.last, qRound(c.width * 7)});
+    QCOMPARE(ranges, expected);
 
-void tst_KrXlsxWriter::sheetsInOrderAdded()
-{
     QStringList names;
-    for (const QJsonValue &sheet : m_oracle.value(QLatin1String("sheets")).toArray()) {
+    for (const QJsonValue &sheet : sheets) {
         names << sheet[QLatin1String("name")].toString();
         if (names.size() > 2)
             QCOMPARE(field(cellsOf(sheet.toObject()).value({1, 1}), "value"), names.last());
     }
-    QCOMPARE(names, QStringList({QStringLiteral("Values"), QStringLiteral("Widths")})
-                     + acceptedNames);
+    QCOMPARE(names,
+             QStringList({QStringLiteral("Values"), QStringLiteral("Widths")}) + acceptedNames);
 }
 
 void tst_KrXlsxWriter::writeOrders_data()
 {
-    // Each write is {row, column, value}; `expected` maps "row,column" to the value read back.
-    QTest::addColumn<QVariantList>("writes");
-    QTest::addColumn<QVariantMap>("expected");
+    QTest::addColumn<QVariantList>("writes"); // {row, column, value}, in the order written
 
     using L = QVariantList;
-    QTest::newRow("rows with gaps") << L {L {1, 1, 1}, L {5, 1, 5}, L {1000, 2, 1000}}
-                                    << QVariantMap {{"1,1", 1}, {"5,1", 5}, {"1000,2", 1000}};
+    QTest::newRow("rows with gaps") << L {L {1, 1, 1}, L {5, 1, 5}, L {1000, 2, 1000}};
     QTest::newRow("columns of a row in any order")
-            << L {L {2, 3, "c"}, L {2, 1, "a"}, L {2, 2, "b"}, L {3, 2, "e"}, L {3, 1, "d"}}
-            << QVariantMap {{"2,1", "a"}, {"2,2", "b"}, {"2,3", "c"}, {"3,1", "d"}, {"3,2", "e"}};
+            << L {L {2, 3, "c"}, L {2, 1, "a"}, L {2, 2, "b"}, L {3, 2, "e"}, L {3, 1, "d"}};
     QTest::newRow("a cell written twice keeps the later value")
-            << L {L {1, 1, "first"}, L {1, 2, 2}, L {1, 1, "second"}}
-            << QVariantMap {{"1,1", "second"}, {"1,2", 2}};
-    QTest::newRow("the corner cells of a sheet")
-            << L {L {1, 16384, "last column"}, L {1048576, 1, "last row"},
-                  L {1048576, 16384, "corner"}}
-            << QVariantMap {{"1,16384", "last column"},
-                            {"1048576,1", "last row"},
-                            {"1048576,16384", "corner"}};
+            << L {L {1, 1, "first"}, L {1, 2, 2}, L {1, 1, "second"}};
+    QTest::newRow("the corner cells of a sheet") << L {
+            L {1, 16384, "last column"}, L {1048576, 1, "last row"}, L {1048576, 16384, "corner"}};
 }
 
 void tst_KrXlsxWriter::writeOrders()
 {
     QFETCH(QVariantList, writes);
-    QFETCH(QVariantMap, expected);
 
     const QString fileName = m_dir.filePath(QStringLiteral("order.xlsx"));
     KrXlsxWriter writer(fileName);
     QVERIFY(writer.addSheet(QStringLiteral("Order")));
+    Values expected;
     for (const QVariant &write : writes) {
         const QVariantList w = write.toList();
         QVERIFY2(writer.writeCell(w.at(0).toInt(), w.at(1).toInt(), w.at(2)),
                  qPrintable(writer.errorString()));
+        expected.insert({w.at(0).toInt(), w.at(1).toInt()}, w.at(2));
     }
     QVERIFY2(writer.save(), qPrintable(writer.errorString()));
-
-    QVariantMap read;
-    const Values values = readBack(fileName).value(QStringLiteral("Order"));
-    for (auto cell = values.cbegin(); cell != values.cend(); ++cell)
-        read.insert(QStringLiteral("%1,%2").arg(cell.key().first).arg(cell.key().second), *cell);
-    QCOMPARE(read.keys(), expected.keys());
-    for (auto value = expected.cbegin(); value != expected.cend(); ++value)
-        QCOMPARE(read.value(value.key()).toString(), value->toString());
+    QCOMPARE(readBack(fileName).value(QStringLiteral("Order")), expected);
 }
 
 // Rows are streamed to disk with their strings inline, through one reused conversion buffer:
@@ -538,7 +490,6 @@ void tst_KrXlsxWriter::refusals_data()
     sheet("sheet: 32 characters", QString(32, QLatin1Char('a')),
           QStringLiteral("Sheet name \"%1\" is longer than 31 characters")
                   .arg(QString(32, QLatin1Char('a'))));
-    sheet("sheet: 32 CJK characters", QString(32, QChar(0x4e2d)), "longer than 31 characters");
     for (const char c : {'[', ']', ':', '*', '?', '/', '\\'}) {
         const QString name = QStringLiteral("Q4") + QLatin1Char(c) + QStringLiteral("2024");
         sheet(qPrintable(QStringLiteral("sheet: containing %1").arg(QLatin1Char(c))), name,
@@ -552,8 +503,8 @@ void tst_KrXlsxWriter::refusals_data()
     sheet("sheet: used", QStringLiteral("Orders"),
           "Sheet name \"Orders\" is already used by sheet \"Orders\" (sheet names ignore case)",
           {QStringLiteral("Orders")});
-    sheet("sheet: used in other case", QStringLiteral("TRADES"),
-          "already used by sheet \"Trades\"", {QStringLiteral("Orders"), QStringLiteral("Trades")});
+    sheet("sheet: used in other case", QStringLiteral("TRADES"), "already used by sheet \"Trades\"",
+          {QStringLiteral("Orders"), QStringLiteral("Trades")});
     sheet("sheet: used in other case, beyond ASCII", QStringLiteral("CAFÉ"),
           "already used by sheet \"Café\"", {QStringLiteral("Café")});
 
@@ -569,7 +520,6 @@ void tst_KrXlsxWriter::refusals_data()
     const QVariant one(1);
     cell("cell: row 0", 0, 0, 1, one,
          "Sheet \"Blotter\": row 0 is outside the sheet (rows 1 to 1048576)");
-    cell("cell: negative row", 0, -1, 1, one, "row -1 is outside the sheet");
     cell("cell: row after the last", 0, 1048577, 1, one, "row 1048577 is outside the sheet");
     cell("cell: column 0", 0, 1, 0, one,
          "Sheet \"Blotter\": column 0 is outside the sheet (columns 1 to 16384)");
@@ -581,14 +531,10 @@ void tst_KrXlsxWriter::refusals_data()
     cell("cell: earlier row", 5, 4, 1, one,
          "Sheet \"Blotter\", cell A4: rows must be written in ascending order, and row 5 has "
          "been written already");
-    cell("cell: first row after the last", 1048576, 1, 3, one,
-         "cell C1: rows must be written in ascending order");
     cell("cell: earlier row, empty value", 5, 4, 1, QVariant(), "ascending order");
     cell("cell: list", 0, 2, 28, QVariantList {1, 2},
          "Sheet \"Blotter\", cell AB2: a value of type QVariantList has no text form to write");
-    cell("cell: map", 0, 1, 1, QVariantMap {{"a", 1}}, "QVariantMap has no text form");
     cell("cell: string list of two", 0, 1, 1, QStringList {"a", "b"}, "QStringList has no");
-    cell("cell: point", 0, 1, 1, QPoint(1, 2), "QPoint has no text form");
 
     const auto width = [out](const char *row, int first, int last, double w, const QString &e) {
         QTest::newRow(row) << out << Setting::Nothing << Steps([=](KrXlsxWriter &writer) {
@@ -599,7 +545,6 @@ void tst_KrXlsxWriter::refusals_data()
     width("width: negative", 1, 1, -1, "Sheet \"Blotter\": column width -1 is outside 0 to 255");
     width("width: wider than 255", 1, 1, 255.5, "column width 255.5 is outside");
     width("width: NaN", 1, 1, std::numeric_limits<double>::quiet_NaN(), "width nan is outside");
-    width("width: infinite", 1, 1, std::numeric_limits<double>::infinity(), "width inf is");
     width("width: column 0", 0, 3, 20,
           "Sheet \"Blotter\": columns 0 to 3 are not a range of columns 1 to 16384");
     width("width: column after the last", 1, 16385, 20, "columns 1 to 16385 are not");
@@ -608,28 +553,24 @@ void tst_KrXlsxWriter::refusals_data()
     QTest::newRow("no sheet: cell") << out << Setting::Nothing
                                     << Steps([](KrXlsxWriter &w) { return w.writeCell(1, 1, 1); })
                                     << "No sheet to write to: a sheet must be added first";
-    QTest::newRow("no sheet: width")
-            << out << Setting::Nothing
-            << Steps([](KrXlsxWriter &w) { return w.setColumnWidth(1, 1, 20); })
-            << "No sheet to set column widths of: a sheet must be added first";
+    QTest::newRow("no sheet: width") << out << Setting::Nothing << Steps([](KrXlsxWriter &w) {
+        return w.setColumnWidth(1, 1, 20);
+    }) << "No sheet to set column widths of: a sheet must be added first";
 
     // A target that cannot be written is reported at the first call, before any row.
     const Steps addSheet = [](KrXlsxWriter &w) { return w.addSheet(QStringLiteral("Orders")); };
-    QTest::newRow("target: no file name") << "" << Setting::Nothing << addSheet
-                                          << "No file name given";
+    QTest::newRow("target: no file name")
+            << "" << Setting::Nothing << addSheet << "No file name given";
     QTest::newRow("target: missing directory")
             << "{dir}/missing/out.xlsx" << Setting::Nothing << addSheet
             << "Cannot create a file in \"{dir}/missing\"";
-    QTest::newRow("target: directory under a file")
-            << "{dir}/file/out.xlsx" << Setting::FileForDirectory << addSheet
-            << "Cannot create a file in";
-    QTest::newRow("target: a directory") << out << Setting::Directory << addSheet
-                                         << "\"{dir}/out.xlsx\" is a directory";
+    QTest::newRow("target: a directory")
+            << out << Setting::Directory << addSheet << "\"{dir}/out.xlsx\" is a directory";
     QTest::newRow("target: a directory that takes no files")
             << "/proc/krutils-test.xlsx" << Setting::Nothing << addSheet
             << "Cannot create a file in \"/proc\"";
-    QTest::newRow("target: read-only") << out << Setting::ReadOnlyFile << addSheet
-                                       << "\"{dir}/out.xlsx\" is not writable";
+    QTest::newRow("target: read-only")
+            << out << Setting::ReadOnlyFile << addSheet << "\"{dir}/out.xlsx\" is not writable";
     QTest::newRow("target: old file kept after a failure")
             << out << Setting::OldFile << Steps([](KrXlsxWriter &w) {
                    return w.addSheet(QStringLiteral("New")) && w.writeCell(1, 1, "fresh")
@@ -655,8 +596,7 @@ void tst_KrXlsxWriter::refusals()
     if (setting == Setting::Directory) {
         QVERIFY(QDir(dir.path()).mkdir(QStringLiteral("out.xlsx")));
     } else if (setting != Setting::Nothing) {
-        QFile file(setting == Setting::FileForDirectory ? dir.filePath(QStringLiteral("file"))
-                                                        : old);
+        QFile file(old);
         QVERIFY(file.open(QIODevice::WriteOnly) && file.write("kept") == 4);
         file.close();
         if (setting == Setting::ReadOnlyFile) {
@@ -706,7 +646,8 @@ void tst_KrXlsxWriter::failureWhileSaving_data()
                "stored in a temporary file";
     // Sheets each well within the limit that together make a larger workbook: libxlsxwriter
     // reports it, and leaves the file half written.
-    QTest::newRow("full disk: workbook file") << Change::FileSizeLimit << 12 << 20 << "Cannot write";
+    QTest::newRow("full disk: workbook file")
+            << Change::FileSizeLimit << 12 << 20 << "Cannot write";
 }
 
 // The target's directory changes or fills up between the first row and save(): no file may be
@@ -760,9 +701,9 @@ void tst_KrXlsxWriter::failureWhileSaving()
 
     QVERIFY(!writer.save());
     QVERIFY2(writer.errorString().contains(error), qPrintable(writer.errorString()));
-    QCOMPARE(entriesOf(out), change == Change::TargetBecomesDirectory
-                     ? QStringList {QStringLiteral("orders.xlsx")}
-                     : QStringList());
+    QCOMPARE(entriesOf(out),
+             change == Change::TargetBecomesDirectory ? QStringList {QStringLiteral("orders.xlsx")}
+                                                      : QStringList());
 }
 
 // The rows wait in Qt's temporary directory, which follows TMPDIR (and TEMP on Windows), not in
@@ -842,9 +783,10 @@ void tst_KrXlsxWriter::save()
     QCOMPARE(QFileInfo(fileName).isSymLink(), setting == Setting::Link);
     // The owner, group and other bits; the "user" bits depend on who runs the test.
     QCOMPARE(int(QFileInfo(real).permissions()) & 0xf0ff, int(permissions) & 0xf0ff);
-    const QMap<QString, Values> sheets = readBack(real);
-    QCOMPARE(sheetNamesOf(sheets), QStringList(sheet.isEmpty() ? QStringLiteral("Sheet1") : sheet));
-    QCOMPARE(sheets.value(sheetNamesOf(sheets).value(0)),
+    QStringList names;
+    const QMap<QString, Values> sheets = readBack(real, &names);
+    QCOMPARE(names, QStringList(sheet.isEmpty() ? QStringLiteral("Sheet1") : sheet));
+    QCOMPARE(sheets.value(names.value(0)),
              sheet.isEmpty() ? Values() : Values({{{1, 1}, QStringLiteral("saved")}}));
 }
 
@@ -856,7 +798,6 @@ void tst_KrXlsxWriter::filesAreClosed_data()
 
     const QStringList mixed {QStringLiteral("Filled:x"), QStringLiteral("Empty"),
                              QStringLiteral("Blank:")};
-    QTest::newRow("saved") << QStringList {QStringLiteral("Filled:x")} << false << true;
     QTest::newRow("saved, sheets without cells") << mixed << false << true;
     QTest::newRow("saved without sheets") << QStringList() << false << true;
     QTest::newRow("not saved") << mixed << false << false;
@@ -874,7 +815,8 @@ void tst_KrXlsxWriter::filesAreClosed()
     const QDir openFiles(QStringLiteral("/proc/self/fd"));
     if (!openFiles.exists())
         QSKIP("Needs /proc/self/fd to count open files");
-    const auto openFileCount = [&] { return openFiles.entryList(QDir::AllEntries | QDir::System).size(); };
+    const auto openFileCount
+            = [&] { return openFiles.entryList(QDir::AllEntries | QDir::System).size(); };
 
     QTemporaryDir dir;
     const int before = openFileCount();
